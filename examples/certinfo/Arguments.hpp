@@ -1,0 +1,41 @@
+// Command-line arguments of certinfo: positional words and "--name value" / "--flag" options.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace certinfo {
+
+// A usage mistake: reported with the command's synopsis, exit code 2.
+class UsageError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+class Arguments {
+  public:
+    // valueOptions name the options that take a value; every other "--x" is a flag.
+    Arguments(const std::vector<std::string>& words, const std::set<std::string>& valueOptions,
+              const std::set<std::string>& flags);
+
+    const std::vector<std::string>& positional() const { return positional_; }
+    const std::string& positional(std::size_t index, const char* what) const;
+    void expectPositionalCount(std::size_t minimum, std::size_t maximum) const;
+
+    bool flag(const std::string& name) const { return flags_.count(name) != 0; }
+    std::optional<std::string> value(const std::string& name) const;
+
+  private:
+    std::vector<std::string> positional_;
+    std::set<std::string> flags_;
+    std::map<std::string, std::string> values_;
+};
+
+// Whole file (or standard input for "-") as bytes.
+std::string readInput(const std::string& path);
+
+}  // namespace certinfo

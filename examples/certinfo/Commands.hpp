@@ -1,0 +1,35 @@
+// The subcommands of certinfo. Each lives in its own file and is listed in main.cpp.
+#pragma once
+
+#include "Arguments.hpp"
+
+#include <openssl/evp.h>
+
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+namespace certinfo {
+
+// Exit codes.
+constexpr int kExitOk = 0;
+constexpr int kExitNegative = 1;  // the command ran and its answer is "no" (e.g. not valid)
+constexpr int kExitUsage = 2;
+constexpr int kExitFailure = 3;  // input could not be read or the library refused it
+
+struct Command {
+    std::string name;
+    std::string synopsis;
+    std::string summary;
+    int (*run)(const std::vector<std::string>& words, std::ostream& out);
+};
+
+int runDemo(const std::vector<std::string>& words, std::ostream& out);
+int runEncode(const std::vector<std::string>& words, std::ostream& out);
+int runDecode(const std::vector<std::string>& words, std::ostream& out);
+int runKey(const std::vector<std::string>& words, std::ostream& out);
+
+// Describes a key in one paragraph: type, curve, size, or why the library refuses it.
+void describeKey(const EVP_PKEY* key, std::ostream& out);
+
+}  // namespace certinfo

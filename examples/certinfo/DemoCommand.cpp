@@ -1,0 +1,60 @@
+#include "Commands.hpp"
+
+#include <foundation/certificates/Encodings.hpp>
+#include <foundation/certificates/OpenSSLHandles.hpp>
+
+#include <ostream>
+
+namespace certinfo {
+
+namespace fc = foundation::certificates;
+
+namespace {
+
+void demoEncodings(std::ostream& out) {
+    const std::string text = "foundation::certificates";
+    const fc::ByteArray bytes(text.begin(), text.end());
+    out << "Encodings of \"" << text << "\":\n"
+        << "  base64: " << fc::base64Encode(bytes) << '\n'
+        << "  hex:    " << fc::hexEncode(bytes) << '\n'
+        << "  back:   " <<
+        [&] {
+            const fc::ByteArray decoded = fc::base64Decode(fc::base64Encode(bytes));
+            return std::string(decoded.begin(), decoded.end());
+        }()
+        << "\n\n";
+}
+
+void demoKeys(std::ostream& out) {
+    struct Sample {
+        const char* label;
+        fc::EVP_PKEYUPtr key;
+    };
+    Sample samples[] = {
+        {"RSA 2048",
+         fc::makeEVP_PKEYUPtr(EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", size_t{2048}))},
+        {"EC P-256", fc::makeEVP_PKEYUPtr(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "prime256v1"))},
+        {"EC P-384", fc::makeEVP_PKEYUPtr(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "secp384r1"))},
+        {"Ed25519", fc::makeEVP_PKEYUPtr(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"))},
+        {"Ed448", fc::makeEVP_PKEYUPtr(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED448"))},
+    };
+    out << "Key classification (freshly generated keys):\n";
+    for (const Sample& sample : samples) {
+        out << sample.label << ":\n";
+        describeKey(sample.key.get(), out);
+    }
+    out << '\n';
+}
+
+}  // namespace
+
+int runDemo(const std::vector<std::string>& words, std::ostream& out) {
+    Arguments(words, {}, {}).expectPositionalCount(0, 0);
+    out << "certinfo: a tour of foundation::certificates\n\n";
+    demoEncodings(out);
+    demoKeys(out);
+    out << "Run 'certinfo --help' for the commands.\n";
+    return kExitOk;
+}
+
+}  // namespace certinfo

@@ -1,0 +1,61 @@
+// certinfo: inspect certificates, chains, trust stores and containers with
+// foundation::certificates.
+//
+// Run without arguments for a short demonstration of what the library does.
+#include "Commands.hpp"
+
+#include <foundation/certificates/Exceptions.hpp>
+
+#include <iostream>
+
+namespace {
+
+const std::vector<certinfo::Command>& commands() {
+    static const std::vector<certinfo::Command> list = {
+        {"demo", "demo", "show what the library does, on built-in inputs", certinfo::runDemo},
+        {"encode", "encode base64|hex [FILE|-]", "encode a file's bytes as text",
+         certinfo::runEncode},
+        {"decode", "decode base64|hex [FILE|-]", "decode text back into bytes (to stdout)",
+         certinfo::runDecode},
+        {"key", "key FILE", "classify a PEM public or private key", certinfo::runKey},
+    };
+    return list;
+}
+
+void printHelp(std::ostream& out) {
+    out << "usage: certinfo [COMMAND [ARGUMENTS]]\n\n"
+           "Without a command, certinfo runs its demonstration.\n\nCommands:\n";
+    for (const auto& command : commands()) {
+        out << "  " << command.synopsis << "\n      " << command.summary << '\n';
+    }
+    out << "\nExit codes: 0 success, 1 negative answer (e.g. not valid), 2 usage error,\n"
+           "3 input refused or unreadable.\n";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const std::vector<std::string> words(argv + 1, argv + argc);
+    if (words.empty()) return certinfo::runDemo({}, std::cout);
+    if (words[0] == "--help" || words[0] == "-h" || words[0] == "help") {
+        printHelp(std::cout);
+        return certinfo::kExitOk;
+    }
+    for (const auto& command : commands()) {
+        if (command.name != words[0]) continue;
+        const std::vector<std::string> rest(words.begin() + 1, words.end());
+        try {
+            return command.run(rest, std::cout);
+        } catch (const certinfo::UsageError& e) {
+            std::cerr << "certinfo " << command.name << ": " << e.what() << "\nusage: certinfo "
+                      << command.synopsis << '\n';
+            return certinfo::kExitUsage;
+        } catch (const std::exception& e) {
+            std::cerr << "certinfo " << command.name << ": " << e.what() << '\n';
+            return certinfo::kExitFailure;
+        }
+    }
+    std::cerr << "certinfo: unknown command '" << words[0] << "'\n\n";
+    printHelp(std::cerr);
+    return certinfo::kExitUsage;
+}

@@ -1,0 +1,9 @@
+// Umbrella header: the whole public interface of foundation::certificates.
+#pragma once
+
+#include <foundation/certificates/Encodings.hpp>
+#include <foundation/certificates/Exceptions.hpp>
+#include <foundation/certificates/KeyConversions.hpp>
+#include <foundation/certificates/Logging.hpp>
+#include <foundation/certificates/OpenSSLHandles.hpp>
+#include <foundation/certificates/Types.hpp>

@@ -1,0 +1,20 @@
+// Basic value types shared by the whole interface.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+namespace foundation::certificates {
+
+// Every binary input and output: DER data, key material, digests before hex encoding.
+// Big numbers are unsigned big-endian magnitudes without leading zero bytes.
+using ByteArray = std::vector<unsigned char>;
+
+// How loaders found their input encoded. Detection is a search for the format's PEM header:
+// present anywhere means PEM, absent means DER.
+enum class Encoding : std::uint32_t {
+    PEM = 0,
+    DER = 1,
+};
+
+}  // namespace foundation::certificates
