@@ -3,6 +3,8 @@
 
 #include "Arguments.hpp"
 
+#include <foundation/certificates/X509Certificate.hpp>
+
 #include <openssl/evp.h>
 
 #include <iosfwd>
@@ -28,6 +30,11 @@ int runDemo(const std::vector<std::string>& words, std::ostream& out);
 int runEncode(const std::vector<std::string>& words, std::ostream& out);
 int runDecode(const std::vector<std::string>& words, std::ostream& out);
 int runKey(const std::vector<std::string>& words, std::ostream& out);
+int runShow(const std::vector<std::string>& words, std::ostream& out);
+
+// The library's summary of a certificate plus its serial number, dates and key.
+void describeCertificate(const foundation::certificates::X509Certificate& certificate,
+                         std::ostream& out);
 
 // Describes a key in one paragraph: type, curve, size, or why the library refuses it.
 void describeKey(const EVP_PKEY* key, std::ostream& out);

@@ -3,6 +3,9 @@
 #include <foundation/certificates/Encodings.hpp>
 #include <foundation/certificates/OpenSSLHandles.hpp>
 
+#include <openssl/x509.h>
+
+#include <cstdlib>
 #include <ostream>
 
 namespace certinfo {
@@ -46,6 +49,32 @@ void demoKeys(std::ostream& out) {
     out << '\n';
 }
 
+// The trust bundle OpenSSL uses on this machine.
+std::string systemBundlePath() {
+    if (const char* fromEnvironment = std::getenv(X509_get_default_cert_file_env())) {
+        return fromEnvironment;
+    }
+    return X509_get_default_cert_file();
+}
+
+void demoCertificate(std::ostream& out) {
+    const std::string path = systemBundlePath();
+    std::string bundle;
+    try {
+        bundle = readInput(path);
+    } catch (const std::exception&) {
+        out << "No system trust bundle at " << path << "; skipping the certificate demo.\n\n";
+        return;
+    }
+    out << "The first certificate of the system trust bundle (" << path << "):\n";
+    try {
+        describeCertificate(fc::X509Certificate(bundle), out);
+    } catch (const std::exception& e) {
+        out << "  not loaded: " << e.what() << '\n';
+    }
+    out << '\n';
+}
+
 }  // namespace
 
 int runDemo(const std::vector<std::string>& words, std::ostream& out) {
@@ -53,6 +82,7 @@ int runDemo(const std::vector<std::string>& words, std::ostream& out) {
     out << "certinfo: a tour of foundation::certificates\n\n";
     demoEncodings(out);
     demoKeys(out);
+    demoCertificate(out);
     out << "Run 'certinfo --help' for the commands.\n";
     return kExitOk;
 }

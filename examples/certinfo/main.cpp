@@ -17,6 +17,8 @@ const std::vector<certinfo::Command>& commands() {
          certinfo::runEncode},
         {"decode", "decode base64|hex [FILE|-]", "decode text back into bytes (to stdout)",
          certinfo::runDecode},
+        {"show", "show FILE", "print a certificate (PEM or DER) with its key and dates",
+         certinfo::runShow},
         {"key", "key FILE", "classify a PEM public or private key", certinfo::runKey},
     };
     return list;

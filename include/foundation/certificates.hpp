@@ -6,4 +6,6 @@
 #include <foundation/certificates/KeyConversions.hpp>
 #include <foundation/certificates/Logging.hpp>
 #include <foundation/certificates/OpenSSLHandles.hpp>
+#include <foundation/certificates/PublicKeyInfo.hpp>
 #include <foundation/certificates/Types.hpp>
+#include <foundation/certificates/X509Certificate.hpp>

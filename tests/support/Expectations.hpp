@@ -9,7 +9,7 @@
 #define EXPECT_THROW_MSG(statement, ExceptionType, expectedMessage)                    \
     do {                                                                               \
         try {                                                                          \
-            statement;                                                                 \
+            static_cast<void>(statement);                                              \
             ADD_FAILURE() << "Expected " #statement " to throw " #ExceptionType;       \
         } catch (const ExceptionType& caught) {                                        \
             EXPECT_EQ(std::string(caught.what()), std::string(expectedMessage));       \

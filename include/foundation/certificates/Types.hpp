@@ -1,6 +1,7 @@
 // Basic value types shared by the whole interface.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <vector>
 
@@ -9,6 +10,9 @@ namespace foundation::certificates {
 // Every binary input and output: DER data, key material, digests before hex encoding.
 // Big numbers are unsigned big-endian magnitudes without leading zero bytes.
 using ByteArray = std::vector<unsigned char>;
+
+// Validity dates: whole seconds since 1970-01-01T00:00:00Z, on a one-microsecond tick.
+using TimePoint = std::chrono::time_point<std::chrono::system_clock, std::chrono::microseconds>;
 
 // How loaders found their input encoded. Detection is a search for the format's PEM header:
 // present anywhere means PEM, absent means DER.

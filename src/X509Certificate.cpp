@@ -1,0 +1,158 @@
+#include "FacadeAccess.hpp"
+#include "X509CertificateImpl.hpp"
+
+#include <foundation/certificates/Exceptions.hpp>
+#include <foundation/certificates/X509Certificate.hpp>
+
+#include <ostream>
+
+namespace foundation::certificates {
+
+using detail::FacadeAccess;
+
+X509Certificate::X509Certificate() : impl(std::make_unique<X509CertificateImpl>()) {}
+
+X509Certificate::X509Certificate(std::istream& input)
+    : impl(std::make_unique<X509CertificateImpl>(input)) {}
+
+X509Certificate::X509Certificate(const std::string& data)
+    : impl(std::make_unique<X509CertificateImpl>(data)) {}
+
+X509Certificate::X509Certificate(const ByteArray& data)
+    : impl(std::make_unique<X509CertificateImpl>(data)) {}
+
+X509Certificate::X509Certificate(const X509* certificate)
+    : impl(std::make_unique<X509CertificateImpl>(certificate)) {}
+
+X509Certificate::X509Certificate(X509CertificateImpl& other) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    impl = std::make_unique<X509CertificateImpl>(other, lock);
+}
+
+X509Certificate::X509Certificate(X509CertificateImpl&& other)
+    : impl(std::make_unique<X509CertificateImpl>(std::move(other))) {}
+
+X509Certificate::X509Certificate(const X509Certificate& other) {
+    const std::lock_guard<std::mutex> lock(other.mutex);
+    // A moved-from source has nothing to copy; refusing is clearer than passing the state on.
+    other.throwIfImplEmpty();
+    impl = std::make_unique<X509CertificateImpl>(*other.impl, lock);
+}
+
+X509Certificate& X509Certificate::operator=(const X509Certificate& other) {
+    X509Certificate copy(other);
+    swap(copy);
+    return *this;
+}
+
+X509Certificate::X509Certificate(X509Certificate&& other) noexcept : impl(std::move(other.impl)) {}
+
+X509Certificate& X509Certificate::operator=(X509Certificate&& other) noexcept {
+    swap(other);
+    return *this;
+}
+
+void X509Certificate::swap(X509Certificate& other) noexcept { impl.swap(other.impl); }
+
+X509Certificate::~X509Certificate() = default;
+
+void X509Certificate::throwIfImplEmpty() const {
+    if (!impl) throw X509CertificateException("Error: X509Certificate is uninitialized.");
+}
+
+bool X509Certificate::empty() const {
+    return FacadeAccess::locked(*this, [](const X509CertificateImpl& i) { return i.empty(); });
+}
+
+X509Certificate X509Certificate::clone() const {
+    return X509Certificate(
+        FacadeAccess::locked(*this, [](const X509CertificateImpl& i) { return i.clone(); }));
+}
+
+X509* X509Certificate::getOpenSSLCertificate() const {
+    return FacadeAccess::locked(
+        *this, [](const X509CertificateImpl& i) { return i.getOpenSSLCertificate(); });
+}
+
+// Each accessor forwards under the lock to the implementation's accessor of the same name.
+#define FOUNDATION_FORWARD(ReturnType, name)                                                       \
+    ReturnType X509Certificate::name() const {                                                     \
+        return FacadeAccess::locked(*this, [](const X509CertificateImpl& i) { return i.name(); }); \
+    }
+
+FOUNDATION_FORWARD(ByteArray, getAsBytes)
+FOUNDATION_FORWARD(std::string, getAsString)
+FOUNDATION_FORWARD(std::string, getAsPEMString)
+FOUNDATION_FORWARD(std::string, getSubjectName)
+FOUNDATION_FORWARD(std::string, getIssuerName)
+FOUNDATION_FORWARD(std::string, getSubjectCommonName)
+FOUNDATION_FORWARD(std::string, getIssuerCommonName)
+FOUNDATION_FORWARD(std::string, getSerialNumber)
+FOUNDATION_FORWARD(std::string, getSignatureAlgorithm)
+FOUNDATION_FORWARD(std::string, getValidNotBefore)
+FOUNDATION_FORWARD(std::string, getValidNotAfter)
+FOUNDATION_FORWARD(TimePoint, getValidNotBeforeTimePoint)
+FOUNDATION_FORWARD(TimePoint, getValidNotAfterTimePoint)
+FOUNDATION_FORWARD(std::string, getSHA256Fingerprint)
+FOUNDATION_FORWARD(bool, isSelfSigned)
+FOUNDATION_FORWARD(bool, isCACertificate)
+FOUNDATION_FORWARD(bool, isValidForDigitalSigning)
+FOUNDATION_FORWARD(PublicKeyInfo, getPublicKeyInfo)
+
+#undef FOUNDATION_FORWARD
+
+std::unordered_map<std::string, std::string> X509Certificate::getSubjectNameAsRDNs() const {
+    return FacadeAccess::locked(
+        *this, [](const X509CertificateImpl& i) { return i.getSubjectNameAsRDNs(); });
+}
+
+std::unordered_map<std::string, std::string> X509Certificate::getIssuerNameAsRDNs() const {
+    return FacadeAccess::locked(
+        *this, [](const X509CertificateImpl& i) { return i.getIssuerNameAsRDNs(); });
+}
+
+std::uint64_t X509Certificate::getKeySize() const { return getPublicKeyInfo().getKeySize(); }
+
+ByteArray X509Certificate::getPublicExponent() const {
+    return getPublicKeyInfo().getRSAPublicExponent();
+}
+
+ByteArray X509Certificate::getModulus() const { return getPublicKeyInfo().getRSAModulus(); }
+
+bool X509Certificate::operator==(const X509Certificate& other) const {
+    // One lock at a time: holding both would deadlock on self-comparison and could deadlock two
+    // threads comparing a and b in opposite orders.
+    const std::string mine = getSHA256Fingerprint();
+    const std::string theirs = other.getSHA256Fingerprint();
+    return mine == theirs;
+}
+
+bool X509Certificate::operator!=(const X509Certificate& other) const { return !(*this == other); }
+
+void X509Certificate::print(std::ostream& os) const {
+    FacadeAccess::locked(*this, [&os](const X509CertificateImpl& i) { i.print(os); });
+}
+
+std::ostream& operator<<(std::ostream& os, const X509Certificate& certificate) {
+    certificate.print(os);
+    return os;
+}
+
+STACK_OF(X509) * getCopyOfOpenSSLX509Stack(const std::vector<X509Certificate>& certificates) {
+    X509StackUPtr stack = makeX509StackUPtr(sk_X509_new_null());
+    if (!stack) throw X509CertificateException("Internal error: Unable to allocate a stack.");
+    for (const X509Certificate& certificate : certificates) {
+        X509UPtr duplicate =
+            makeX509UPtr(FacadeAccess::locked(certificate, [](const X509CertificateImpl& i) {
+                i.throwIfEmpty();
+                return X509_dup(i.get());
+            }));
+        if (!duplicate || sk_X509_push(stack.get(), duplicate.get()) <= 0) {
+            throw X509CertificateException("Internal error: Unable to copy a certificate.");
+        }
+        duplicate.release();  // the stack owns it now
+    }
+    return stack.release();
+}
+
+}  // namespace foundation::certificates

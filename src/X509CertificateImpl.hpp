@@ -1,0 +1,92 @@
+// The implementation behind X509Certificate: one parsed certificate, shared between copies.
+#pragma once
+
+#include <foundation/certificates/OpenSSLHandles.hpp>
+#include <foundation/certificates/PublicKeyInfo.hpp>
+#include <foundation/certificates/Types.hpp>
+
+#include <iosfwd>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+namespace foundation::certificates {
+
+class X509CertificateImpl {
+  public:
+    // The search key of encoding detection and the frame of PEM output.
+    static constexpr std::string_view pemHeader = "-----BEGIN CERTIFICATE-----";
+    static constexpr std::string_view pemFooter = "-----END CERTIFICATE-----";
+
+    X509CertificateImpl();
+    // A deep copy of the caller's certificate, put through the public-key check.
+    explicit X509CertificateImpl(const X509* certificate);
+    explicit X509CertificateImpl(std::istream& input);
+    explicit X509CertificateImpl(const std::string& data);
+    explicit X509CertificateImpl(const ByteArray& data);
+    // Shares the other's certificate; the guard proves the caller holds the owning facade's lock.
+    X509CertificateImpl(const X509CertificateImpl& other, const std::lock_guard<std::mutex>&);
+    X509CertificateImpl(X509CertificateImpl&& other) noexcept;
+    X509CertificateImpl& operator=(const X509CertificateImpl& other);
+    X509CertificateImpl& operator=(X509CertificateImpl&& other) noexcept;
+    ~X509CertificateImpl();
+
+    // Takes a reference to a certificate that the library parsed itself and nobody else can
+    // change (from a chain, PKCS#7 or PKCS#12 structure): no duplicate, the key check still runs.
+    static X509CertificateImpl fromParsed(X509SPtr certificate);
+
+    void init(const ByteArray& data);
+    Encoding autodetectEncoding(const ByteArray& data) const;
+
+    bool empty() const noexcept { return !certificate; }
+    void throwIfEmpty() const;
+
+    X509CertificateImpl clone() const;
+    X509* getOpenSSLCertificate() const;  // deep copy, caller owns
+
+    // Borrowed; valid while this object (or a copy sharing it) lives. Null when empty.
+    X509* get() const noexcept { return certificate.get(); }
+    const X509SPtr& shared() const noexcept { return certificate; }
+
+    ByteArray getAsBytes() const;
+    std::string getAsString() const;
+    std::string getAsPEMString() const;
+
+    std::string getSubjectName() const;
+    std::string getIssuerName() const;
+    std::unordered_map<std::string, std::string> getSubjectNameAsRDNs() const;
+    std::unordered_map<std::string, std::string> getIssuerNameAsRDNs() const;
+    std::string getSubjectCommonName() const;
+    std::string getIssuerCommonName() const;
+    std::string getSerialNumber() const;
+    std::string getSignatureAlgorithm() const;
+    std::string getValidNotBefore() const;
+    std::string getValidNotAfter() const;
+    TimePoint getValidNotBeforeTimePoint() const;
+    TimePoint getValidNotAfterTimePoint() const;
+    std::string getSHA256Fingerprint() const;
+    bool isSelfSigned() const;
+    bool isCACertificate() const;
+    bool isValidForDigitalSigning() const;
+
+    std::uint64_t getKeySize() const;
+    ByteArray getRSAPublicExponent() const;
+    ByteArray getRSAModulus() const;
+    ByteArray getECCPublicPoint() const;
+    EllipticCurve getECCCurve() const;
+    PublicKeyInfo getPublicKeyInfo() const;
+    void throwIfInvalidPublicKeyInfo() const;
+
+    void print(std::ostream& os) const;
+
+  private:
+    explicit X509CertificateImpl(X509SPtr certificate);
+    EVP_PKEYUPtr publicKey() const;
+    ByteArray getRSAParameter(const char* name, const char* typeMessage,
+                              const char* readMessage) const;
+
+    X509SPtr certificate;
+};
+
+}  // namespace foundation::certificates
