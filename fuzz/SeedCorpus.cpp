@@ -41,6 +41,12 @@ int main(int argc, char** argv) {
     write(certificates, "ed25519.der",
           testsupport::toDER(testsupport::makeCertificate(ed25519).get()));
 
+    const fs::path chains = root / "fuzz_chain";
+    write(chains, "rsa-chain.pem",
+          testsupport::toPEM(rsa.leaf.get()) + testsupport::toPEM(rsa.intermediate.get()) +
+              testsupport::toPEM(rsa.root.get()));
+    write(chains, "ec-with-text.pem", "bundle\n" + testsupport::toPEM(ec.root.get()) + "end\n");
+
     const fs::path encodings = root / "fuzz_encodings";
     write(encodings, "base64", std::string("TWFuIGlzIGRpc3Rpbmd1aXNoZWQ="));
     write(encodings, "hex", std::string("00abFF10"));

@@ -19,6 +19,9 @@ const std::vector<certinfo::Command>& commands() {
          certinfo::runDecode},
         {"show", "show FILE", "print a certificate (PEM or DER) with its key and dates",
          certinfo::runShow},
+        {"chain", "chain FILE [--pem]",
+         "print every certificate of a PEM chain file (or write the chain back as PEM)",
+         certinfo::runChain},
         {"key", "key FILE", "classify a PEM public or private key", certinfo::runKey},
     };
     return list;

@@ -9,3 +9,4 @@
 #include <foundation/certificates/PublicKeyInfo.hpp>
 #include <foundation/certificates/Types.hpp>
 #include <foundation/certificates/X509Certificate.hpp>
+#include <foundation/certificates/X509CertificateChain.hpp>

@@ -1,0 +1,32 @@
+// Certificate revocation lists made at run time.
+#pragma once
+
+#include <foundation/certificates/OpenSSLHandles.hpp>
+#include <foundation/certificates/Types.hpp>
+
+#include <ctime>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace testsupport {
+
+struct RevokedEntry {
+    std::string serialHex;
+    std::time_t revocationDate;
+};
+
+struct CRLSpec {
+    X509* issuer = nullptr;          // the issuer's name goes into the list
+    EVP_PKEY* signingKey = nullptr;  // normally the issuer's key
+    std::vector<RevokedEntry> revoked;
+    long lastUpdateOffset = -3600;
+    std::optional<long> nextUpdateOffset = 7L * 86400;  // none: the list has no next update
+};
+
+foundation::certificates::X509CRLUPtr makeCRL(const CRLSpec& spec);
+
+foundation::certificates::ByteArray crlToDER(const X509_CRL* crl);
+std::string crlToPEM(const X509_CRL* crl);
+
+}  // namespace testsupport
