@@ -8,7 +8,7 @@ packages=(
     libssl-dev libboost-dev libboost-log-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     clang libclang-rt-14-dev llvm
-    python3
+    python3 netbase
 )
 
 missing=()

@@ -1,0 +1,120 @@
+// Validation options and result records.
+//
+// Plain values without OpenSSL inside. Every enumerator's number is part of the interface:
+// stored results and callers compare them.
+#pragma once
+
+#include <foundation/certificates/Export.hpp>
+
+#include <cstdint>
+#include <string>
+
+namespace foundation::certificates {
+
+namespace detail {
+struct ValidationAccess;
+}
+
+// What a validation tolerates, and whether revocation lists are fetched and checked.
+class FOUNDATION_CERTIFICATES_EXPORT CertificateValidationOptions {
+  public:
+    // Forgives OpenSSL's errors 18 and 19 (self-signed certificate at depth 0 or in the chain).
+    enum class AllowSelfSignedCertificate : std::uint32_t { No = 0, Yes = 1 };
+    // Forgives error 10 (certificate expired) only; a certificate not yet valid is never forgiven.
+    enum class AllowExpiredCertificate : std::uint32_t { No = 0, Yes = 1 };
+    // Forgives error 23 (revoked). With Yes, revocation is not checked at all.
+    enum class AllowRevokedCertificate : std::uint32_t { No = 0, Yes = 1 };
+    // Which certificates' revocation lists are checked: none, the validated certificate only, or
+    // every certificate below the root.
+    enum class CheckCRL : std::uint32_t { None = 0, LeafOnly = 1, FullChain = 2 };
+    // Whether lists are downloaded (over HTTP, blocking), and whether a failed download throws
+    // X509CertificateException (ThrowOnError) or silently switches revocation checking off
+    // (IgnoreErrors). With No, no list is ever checked, whatever CheckCRL says.
+    enum class DownloadCRL : std::uint32_t { No = 0, IgnoreErrors = 1, ThrowOnError = 2 };
+
+    CertificateValidationOptions(AllowSelfSignedCertificate allowSelfSigned,
+                                 AllowExpiredCertificate allowExpired,
+                                 AllowRevokedCertificate allowRevoked, CheckCRL checkCRL,
+                                 DownloadCRL downloadCRL);
+
+  private:
+    friend struct detail::ValidationAccess;
+
+    AllowSelfSignedCertificate allowSelfSigned;
+    AllowExpiredCertificate allowExpired;
+    AllowRevokedCertificate allowRevoked;
+    CheckCRL checkCRL;
+    DownloadCRL downloadCRL;
+};
+
+// The outcome of chain validation.
+enum class CertificateChainStatus : std::uint32_t {
+    Valid = 0,             // verified, or every error was forgiven
+    InvalidChain = 1,      // no path to a trusted root (errors 2, 20, 21, 22, 25, 79)
+    SelfSigned = 2,        // self-signed and not trusted (errors 18, 19)
+    CRLError = 3,          // a revocation list is missing, badly signed or out of date
+    Revoked = 4,           // error 23
+    Expired = 5,           // error 10
+    InvalidSignature = 6,  // a certificate's signature does not verify (errors 4, 7)
+    ValidationFailed = 7,  // any other error, e.g. 9 (not yet valid)
+};
+
+// Whether, when and under which serial number a certificate was revoked.
+class FOUNDATION_CERTIFICATES_EXPORT CertificateRevocationResults {
+  public:
+    enum class RevocationStatus : std::uint32_t { NotRevoked = 0, Revoked = 1 };
+
+    CertificateRevocationResults(RevocationStatus status, std::string revocationDate,
+                                 std::string revokedSerialNumber);
+
+    RevocationStatus getRevocationStatus() const { return status; }
+    // As OpenSSL prints it, e.g. "Mar  5 14:07:09 2025 GMT"; empty when not revoked.
+    std::string getRevocationDateString() const { return revocationDate; }
+    // Decimal digits; empty when not revoked.
+    std::string getRevokedSerialNumberString() const { return revokedSerialNumber; }
+
+  private:
+    RevocationStatus status;
+    std::string revocationDate;
+    std::string revokedSerialNumber;
+};
+
+// The outcome of one validation: a status, an explanatory text and revocation details.
+class FOUNDATION_CERTIFICATES_EXPORT CertificateValidationResults {
+  public:
+    // Revocation results start as NotRevoked with two empty strings.
+    CertificateValidationResults(CertificateChainStatus status, std::string validationErrorString);
+
+    CertificateChainStatus getCertificateChainStatus() const { return status; }
+    std::string getValidationErrorString() const { return validationErrorString; }
+    CertificateRevocationResults getCertificateRevocationResults() const { return revocation; }
+    void setCertificateRevocationResults(const CertificateRevocationResults& results);
+
+  private:
+    CertificateChainStatus status;
+    std::string validationErrorString;
+    CertificateRevocationResults revocation;
+};
+
+// The outcome of a PKCS#7 signature check.
+class FOUNDATION_CERTIFICATES_EXPORT PKCS7CertificateValidationResults {
+  public:
+    PKCS7CertificateValidationResults(bool signatureVerificationStatus,
+                                      CertificateChainStatus status,
+                                      const std::string& validationErrorString);
+
+    bool getSignatureVerificationStatus() const { return signatureVerificationStatus; }
+    CertificateChainStatus getCertificateChainStatus() const { return status; }
+    std::string getValidationErrorString() const { return validationErrorString; }
+
+    // The signature verified and the signer's chain is Valid. A verified signature whose signer
+    // is only self-signed, expired or untrusted is not a valid signature.
+    bool isValidSignature() const;
+
+  private:
+    bool signatureVerificationStatus;
+    CertificateChainStatus status;
+    std::string validationErrorString;
+};
+
+}  // namespace foundation::certificates

@@ -1,0 +1,24 @@
+// The validation code's view of the options record, whose fields callers cannot read.
+#pragma once
+
+#include <foundation/certificates/CertificateValidation.hpp>
+
+namespace foundation::certificates::detail {
+
+struct ValidationAccess {
+    using Options = CertificateValidationOptions;
+
+    static Options::AllowSelfSignedCertificate allowSelfSigned(const Options& o) {
+        return o.allowSelfSigned;
+    }
+    static Options::AllowExpiredCertificate allowExpired(const Options& o) {
+        return o.allowExpired;
+    }
+    static Options::AllowRevokedCertificate allowRevoked(const Options& o) {
+        return o.allowRevoked;
+    }
+    static Options::CheckCRL checkCRL(const Options& o) { return o.checkCRL; }
+    static Options::DownloadCRL downloadCRL(const Options& o) { return o.downloadCRL; }
+};
+
+}  // namespace foundation::certificates::detail

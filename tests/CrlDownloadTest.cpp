@@ -1,0 +1,226 @@
+// Fetching revocation lists from real servers on loopback addresses.
+#include "CrlDownload.hpp"
+#include "support/Expectations.hpp"
+#include "support/TestCRLs.hpp"
+#include "support/TestCertificates.hpp"
+#include "support/TestHttpServers.hpp"
+
+#include <foundation/certificates/Exceptions.hpp>
+
+#include <gtest/gtest.h>
+#include <openssl/x509v3.h>
+
+namespace fc = foundation::certificates;
+namespace detail = fc::detail;
+using Mode = fc::CertificateValidationOptions::DownloadCRL;
+using testsupport::ScriptedHttpServer;
+
+namespace {
+
+constexpr char kStaticAddress[] = "127.0.0.21";
+constexpr char kScriptedAddress[] = "127.0.0.22";
+constexpr char kSilentAddress[] = "127.0.0.24";  // nothing listens here
+
+const std::string kWrap =
+    "CRL Download Error: Unable to get Certificate Revocation List HTTP data. ";
+
+class CrlDownloadTest : public ::testing::Test {
+  protected:
+    void TearDown() override {
+        EXPECT_EQ(testsupport::leftoverCrlFiles(), std::vector<std::string>{});
+    }
+
+    // A leaf issued by the test intermediate, with the given distribution points.
+    fc::X509Certificate leafWith(const std::string& distributionPoints) const {
+        testsupport::CertificateSpec spec;
+        spec.key = pki.leafKey.get();
+        spec.issuer = pki.intermediate.get();
+        spec.issuerKey = pki.intermediateKey.get();
+        spec.serialHex = "51";
+        if (!distributionPoints.empty()) {
+            spec.extensions = {{NID_crl_distribution_points, distributionPoints}};
+        }
+        return fc::X509Certificate(testsupport::toDER(testsupport::makeCertificate(spec).get()));
+    }
+
+    fc::ByteArray crlDER(EVP_PKEY* signer, std::optional<long> nextUpdate = 7L * 86400) const {
+        testsupport::CRLSpec spec;
+        spec.issuer = pki.intermediate.get();
+        spec.signingKey = signer;
+        spec.nextUpdateOffset = nextUpdate;
+        spec.revoked = {{"51", 1700000000}};
+        return testsupport::crlToDER(testsupport::makeCRL(spec).get());
+    }
+
+    // Downloads the leaf's list in the mode and returns whether it was accepted.
+    bool download(const fc::X509Certificate& certificate, Mode mode) {
+        fc::EVP_PKEYUPtr issuerKey = fc::makeEVP_PKEYUPtr(X509_get_pubkey(pki.intermediate.get()));
+        return detail::downloadCRL(certificate, store, crls, mode, issuerKey);
+    }
+
+    // The failure in both modes: ThrowOnError throws the message, IgnoreErrors returns false.
+    void expectFailure(const fc::X509Certificate& certificate, const std::string& message) {
+        EXPECT_THROW_MSG(download(certificate, Mode::ThrowOnError), fc::X509CertificateException,
+                         message);
+        EXPECT_FALSE(download(certificate, Mode::IgnoreErrors));
+        EXPECT_TRUE(crls.empty());
+    }
+
+    const testsupport::TestPKI& pki = testsupport::rsaPKI();
+    detail::StoreUPtr store{X509_STORE_new(), X509_STORE_free};
+    std::vector<fc::X509CRLUPtr> crls;
+};
+
+TEST_F(CrlDownloadTest, DistributionPointsAreCollectedInOrder) {
+    EXPECT_TRUE(detail::getCertificateURI(leafWith("")).empty());
+    EXPECT_EQ(detail::getCertificateURI(
+                  leafWith("URI:ldap://directory.test/cn=crl,URI:http://one.test/a.crl")),
+              (std::vector<std::string>{"ldap://directory.test/cn=crl", "http://one.test/a.crl"}));
+}
+
+TEST_F(CrlDownloadTest, CertificateWithoutDistributionPoints) {
+    expectFailure(leafWith(""),
+                  "CRL Download Error: Certificate Revocation List Distribution Points not "
+                  "available\n");
+}
+
+TEST_F(CrlDownloadTest, OnlyPlainHttpPointsAreUsable) {
+    for (const std::string points :
+         {"URI:https://127.0.0.22/leaf.crl", "URI:HTTP://127.0.0.22/leaf.crl",
+          "URI:http://127.0.0.22", "URI:ldap://127.0.0.22/cn=leaf"}) {
+        expectFailure(leafWith(points),
+                      "CRL Download Error: Unable to resolve Certificate Revocation List "
+                      "Distribution Points\n");
+    }
+}
+
+TEST_F(CrlDownloadTest, RequestIsExactlyOneHttp10Get) {
+    const ScriptedHttpServer server(kScriptedAddress, "HTTP/1.0 404 Not Found\r\n\r\n");
+    if (!server.running()) GTEST_SKIP() << server.failure();
+
+    download(leafWith("URI:ldap://127.0.0.22/cn=x,URI:http://127.0.0.22/a/b.crl"),
+             Mode::IgnoreErrors);
+    download(leafWith("URI:http://127.0.0.22/"), Mode::IgnoreErrors);
+    EXPECT_EQ(
+        server.requests(),
+        (std::vector<std::string>{
+            "GET /a/b.crl HTTP/1.0\r\nHost: 127.0.0.22\r\nAccept: */*\r\n"
+            "Connection: close\r\n\r\n",
+            "GET / HTTP/1.0\r\nHost: 127.0.0.22\r\nAccept: */*\r\nConnection: close\r\n\r\n"}));
+}
+
+struct HostileAnswer {
+    const char* name;
+    std::string response;
+    std::string message;  // as thrown in ThrowOnError mode
+};
+
+class HostileServers : public CrlDownloadTest,
+                       public ::testing::WithParamInterface<HostileAnswer> {};
+
+TEST_P(HostileServers, AreRefusedAndNothingIsAdded) {
+    const ScriptedHttpServer server(kScriptedAddress, GetParam().response);
+    if (!server.running()) GTEST_SKIP() << server.failure();
+    expectFailure(leafWith("URI:" + server.url("leaf.crl")), GetParam().message);
+    EXPECT_EQ(X509_STORE_get0_objects(store.get()) != nullptr
+                  ? sk_X509_OBJECT_num(X509_STORE_get0_objects(store.get()))
+                  : 0,
+              0);
+}
+
+const std::string kInvalidList = "CRL Download Error: Invalid Certificate Revocation List\n";
+
+INSTANTIATE_TEST_SUITE_P(
+    CrlDownload, HostileServers,
+    ::testing::Values(
+        HostileAnswer{"NotFound", "HTTP/1.0 404 Not Found\r\n\r\n",
+                      kWrap + "CRL Download Error: Response returned with status code: 404\n\n"},
+        HostileAnswer{"NotHttp", "SMTP 220 ready\r\n\r\nbody",
+                      kWrap + "CRL Download Error: Invalid response\n\n"},
+        HostileAnswer{"NoStatusCode", "HTTP/1.0 OK\r\n\r\nbody",
+                      kWrap + "CRL Download Error: Invalid response\n\n"},
+        HostileAnswer{"ClosedAtOnce", "", kWrap + "CRL Download Error: Invalid response\n\n"},
+        HostileAnswer{"EmptyBody", "HTTP/1.0 200 OK\r\nContent-Length: 0\r\n\r\n",
+                      kWrap + "CRL Download Error: CRL HTTP data is empty\n\n"},
+        HostileAnswer{"Html", "HTTP/1.0 200 OK\r\nContent-Type: text/html\r\n\r\n<html>hi</html>",
+                      kInvalidList},
+        HostileAnswer{"ClosedHalfway",
+                      "HTTP/1.0 200 OK\r\nContent-Length: 900\r\n\r\n\x30\x82\x03\x80\x30\x82",
+                      kInvalidList}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(CrlDownloadTest, ConnectionRefused) {
+    if (const std::string reason = testsupport::cannotBindPort80(kSilentAddress); !reason.empty()) {
+        GTEST_SKIP() << reason;
+    }
+    const fc::X509Certificate certificate = leafWith("URI:http://127.0.0.24/leaf.crl");
+    EXPECT_THROW_MSG(download(certificate, Mode::ThrowOnError), fc::X509CertificateException,
+                     kWrap + "CRL Download Error: Unable to connect: Connection refused\n\n");
+    EXPECT_FALSE(download(certificate, Mode::IgnoreErrors));
+}
+
+class ServedLists : public CrlDownloadTest {
+  protected:
+    void SetUp() override {
+        if (!server.running()) GTEST_SKIP() << server.failure();
+    }
+    testsupport::StaticHttpServer server{kStaticAddress};
+};
+
+TEST_F(ServedLists, GoodListIsAddedToTheStore) {
+    server.put("lists/leaf.crl", crlDER(pki.intermediateKey.get()));
+    EXPECT_TRUE(download(leafWith("URI:" + server.url("lists/leaf.crl")), Mode::ThrowOnError));
+    ASSERT_EQ(crls.size(), 1u);
+    EXPECT_EQ(sk_X509_OBJECT_num(X509_STORE_get0_objects(store.get())), 1);
+    EXPECT_EQ(server.requestedPaths(), std::vector<std::string>{"/lists/leaf.crl"});
+}
+
+TEST_F(ServedLists, ListSignedByAnotherKeyIsRefused) {
+    server.put("leaf.crl", crlDER(pki.rootKey.get()));
+    expectFailure(leafWith("URI:" + server.url("leaf.crl")),
+                  "CRL Verification Error: Failed to verify the Certificate Revocation List "
+                  "signature\n");
+}
+
+TEST_F(ServedLists, ExpiredListIsRefused) {
+    server.put("leaf.crl", crlDER(pki.intermediateKey.get(), -60));
+    expectFailure(leafWith("URI:" + server.url("leaf.crl")),
+                  "CRL Verification Error: Certificate Revocation List has expired\n");
+}
+
+TEST_F(ServedLists, ListWithoutNextUpdateIsRefused) {
+    server.put("leaf.crl", crlDER(pki.intermediateKey.get(), std::nullopt));
+    expectFailure(leafWith("URI:" + server.url("leaf.crl")),
+                  "CRL Verification Error: Failed to retrieve the next update date from the "
+                  "Certificate Revocation List\n");
+}
+
+TEST_F(ServedLists, PEMListIsNotAccepted) {
+    testsupport::CRLSpec spec;
+    spec.issuer = pki.intermediate.get();
+    spec.signingKey = pki.intermediateKey.get();
+    server.put("leaf.crl", testsupport::crlToPEM(testsupport::makeCRL(spec).get()));
+    expectFailure(leafWith("URI:" + server.url("leaf.crl")), kInvalidList);
+}
+
+TEST_F(ServedLists, OnlyTheFirstHttpPointIsTried) {
+    server.put("second.crl", crlDER(pki.intermediateKey.get()));
+    expectFailure(leafWith("URI:" + server.url("missing.crl") + ",URI:" + server.url("second.crl")),
+                  kWrap + "CRL Download Error: Response returned with status code: 404\n\n");
+    for (const std::string& path : server.requestedPaths()) EXPECT_EQ(path, "/missing.crl");
+}
+
+TEST(HttpResponse, ParsesFromAnyStream) {
+    std::istringstream ok("HTTP/1.1 200 OK\r\nServer: x\r\n\r\nthe body\r\nmore");
+    EXPECT_EQ(detail::readHttpResponse(ok, Mode::ThrowOnError), "the body\r\nmore");
+    std::istringstream noBlankLine("HTTP/1.0 200 OK\r\nServer: x\r\n");
+    EXPECT_EQ(detail::readHttpResponse(noBlankLine, Mode::ThrowOnError), "");
+    std::istringstream redirect("HTTP/1.0 301 Moved\r\nLocation: /x\r\n\r\n");
+    EXPECT_THROW_MSG(detail::readHttpResponse(redirect, Mode::ThrowOnError),
+                     fc::X509CertificateException,
+                     "CRL Download Error: Response returned with status code: 301\n");
+    std::istringstream quiet("HTTP/1.0 500 Oops\r\n\r\n");
+    EXPECT_EQ(detail::readHttpResponse(quiet, Mode::IgnoreErrors), "");
+}
+
+}  // namespace

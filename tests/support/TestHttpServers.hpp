@@ -1,0 +1,81 @@
+// Real HTTP servers on loopback addresses, started and stopped by the tests that use them.
+//
+// The library fetches revocation lists from port 80 only, so each fixture binds 127.0.0.N:80
+// with an N of its own, which keeps parallel test runs apart. Binding port 80 needs privileges;
+// when a server cannot bind, `failure()` says why and the test skips.
+#pragma once
+
+#include <foundation/certificates/Types.hpp>
+
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace testsupport {
+
+// Python's standard HTTP server over a temporary directory: serves files put into it.
+class StaticHttpServer {
+  public:
+    explicit StaticHttpServer(std::string address);
+    ~StaticHttpServer();
+    StaticHttpServer(const StaticHttpServer&) = delete;
+    StaticHttpServer& operator=(const StaticHttpServer&) = delete;
+
+    bool running() const { return pid_ > 0; }
+    const std::string& failure() const { return failure_; }
+
+    // Serves the bytes under the path ("dir/name.crl").
+    void put(const std::string& path, const foundation::certificates::ByteArray& content);
+    void put(const std::string& path, const std::string& content);
+    // "http://<address>/<path>"
+    std::string url(const std::string& path) const;
+    // The request paths served so far, in order (from the server's log).
+    std::vector<std::string> requestedPaths() const;
+
+  private:
+    std::string address_;
+    std::filesystem::path directory_;
+    int pid_ = -1;
+    std::string failure_;
+};
+
+// A server that answers every connection with fixed bytes, or never answers at all.
+class ScriptedHttpServer {
+  public:
+    enum class Mode { Respond, NeverAnswer };
+
+    ScriptedHttpServer(std::string address, std::string response, Mode mode = Mode::Respond);
+    ~ScriptedHttpServer();
+    ScriptedHttpServer(const ScriptedHttpServer&) = delete;
+    ScriptedHttpServer& operator=(const ScriptedHttpServer&) = delete;
+
+    bool running() const { return listener_ >= 0; }
+    const std::string& failure() const { return failure_; }
+    std::string url(const std::string& path) const;
+    // The raw requests received so far (up to the blank line).
+    std::vector<std::string> requests() const;
+
+  private:
+    void serve();
+
+    std::string address_;
+    std::string response_;
+    Mode mode_;
+    int listener_ = -1;
+    int stopPipe_[2] = {-1, -1};
+    std::thread thread_;
+    mutable std::mutex mutex_;
+    std::vector<std::string> requests_;
+    std::vector<int> heldConnections_;
+    std::string failure_;
+};
+
+// Whether 127.0.0.N:80 can be bound here; the reason when not.
+std::string cannotBindPort80(const std::string& address);
+
+// Files left behind by revocation-list downloads.
+std::vector<std::string> leftoverCrlFiles();
+
+}  // namespace testsupport
