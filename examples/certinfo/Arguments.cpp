@@ -16,7 +16,7 @@ Arguments::Arguments(const std::vector<std::string>& words,
             const std::string name = word.substr(2);
             if (valueOptions.count(name) != 0) {
                 if (i + 1 >= words.size()) throw UsageError("option --" + name + " needs a value");
-                values_[name] = words[++i];
+                values_[name].push_back(words[++i]);
             } else if (flags.count(name) != 0) {
                 flags_.insert(name);
             } else {
@@ -41,7 +41,12 @@ void Arguments::expectPositionalCount(std::size_t minimum, std::size_t maximum) 
 std::optional<std::string> Arguments::value(const std::string& name) const {
     const auto it = values_.find(name);
     if (it == values_.end()) return std::nullopt;
-    return it->second;
+    return it->second.back();
+}
+
+std::vector<std::string> Arguments::values(const std::string& name) const {
+    const auto it = values_.find(name);
+    return it != values_.end() ? it->second : std::vector<std::string>();
 }
 
 std::string readInput(const std::string& path) {

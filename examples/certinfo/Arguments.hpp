@@ -27,12 +27,14 @@ class Arguments {
     void expectPositionalCount(std::size_t minimum, std::size_t maximum) const;
 
     bool flag(const std::string& name) const { return flags_.count(name) != 0; }
+    // The last value given for the option; values() has every one, in order.
     std::optional<std::string> value(const std::string& name) const;
+    std::vector<std::string> values(const std::string& name) const;
 
   private:
     std::vector<std::string> positional_;
     std::set<std::string> flags_;
-    std::map<std::string, std::string> values_;
+    std::map<std::string, std::vector<std::string>> values_;
 };
 
 // Whole file (or standard input for "-") as bytes.

@@ -27,6 +27,7 @@ struct Command {
 };
 
 int runDemo(const std::vector<std::string>& words, std::ostream& out);
+int runGenerate(const std::vector<std::string>& words, std::ostream& out);
 int runEncode(const std::vector<std::string>& words, std::ostream& out);
 int runDecode(const std::vector<std::string>& words, std::ostream& out);
 int runKey(const std::vector<std::string>& words, std::ostream& out);

@@ -23,6 +23,14 @@ const std::vector<certinfo::Command>& commands() {
          "print every certificate of a PEM chain file (or write the chain back as PEM)",
          certinfo::runChain},
         {"key", "key FILE", "classify a PEM public or private key", certinfo::runKey},
+        {"generate",
+         "generate --cert-out FILE --key-out FILE [--cn NAME] [--san ENTRY[,ENTRY]]...\n"
+         "           [--days 1-397] [--offset-days N] [--serial N] [--key-size 2048|3072|4096]\n"
+         "           [--key-usage NAME[,NAME]]... [--ext-key-usage NAME[,NAME]]...\n"
+         "           [--passphrase TEXT | --passphrase-env VARIABLE] [--pkcs12] [--force]",
+         "make an RSA key and a self-signed certificate for it; the key (PEM, or PKCS#12\n"
+         "      with --pkcs12) is created readable by its owner only",
+         certinfo::runGenerate},
     };
     return list;
 }

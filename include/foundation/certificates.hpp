@@ -8,6 +8,7 @@
 #include <foundation/certificates/Logging.hpp>
 #include <foundation/certificates/OpenSSLHandles.hpp>
 #include <foundation/certificates/PublicKeyInfo.hpp>
+#include <foundation/certificates/SelfSignedCertBuilder.hpp>
 #include <foundation/certificates/Types.hpp>
 #include <foundation/certificates/X509Certificate.hpp>
 #include <foundation/certificates/X509CertificateChain.hpp>
