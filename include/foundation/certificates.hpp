@@ -3,9 +3,13 @@
 
 #include <foundation/certificates/Encodings.hpp>
 #include <foundation/certificates/Exceptions.hpp>
+#include <foundation/certificates/ISystemCertificateAdder.hpp>
 #include <foundation/certificates/KeyConversions.hpp>
 #include <foundation/certificates/Logging.hpp>
 #include <foundation/certificates/OpenSSLHandles.hpp>
 #include <foundation/certificates/PublicKeyInfo.hpp>
+#include <foundation/certificates/SystemCertificateAdder.hpp>
+#include <foundation/certificates/TrustStore.hpp>
+#include <foundation/certificates/TrustStoreImpl.hpp>
 #include <foundation/certificates/Types.hpp>
 #include <foundation/certificates/X509Certificate.hpp>
