@@ -30,6 +30,7 @@ int runDemo(const std::vector<std::string>& words, std::ostream& out);
 int runEncode(const std::vector<std::string>& words, std::ostream& out);
 int runDecode(const std::vector<std::string>& words, std::ostream& out);
 int runKey(const std::vector<std::string>& words, std::ostream& out);
+int runRoots(const std::vector<std::string>& words, std::ostream& out);
 int runShow(const std::vector<std::string>& words, std::ostream& out);
 
 // The library's summary of a certificate plus its serial number, dates and key.

@@ -20,6 +20,8 @@ const std::vector<certinfo::Command>& commands() {
         {"show", "show FILE", "print a certificate (PEM or DER) with its key and dates",
          certinfo::runShow},
         {"key", "key FILE", "classify a PEM public or private key", certinfo::runKey},
+        {"roots", "roots [ssl|signing] [--count]",
+         "list the system's trusted roots for a usage, with counts", certinfo::runRoots},
     };
     return list;
 }
