@@ -54,8 +54,10 @@ ByteArray decodeBody(std::string_view body) {
 // The DER bytes of every certificate block of the bundle, in file order, as they are (not
 // parsed), or nothing when the file cannot be read. The one place the bundle is read.
 std::optional<std::vector<ByteArray>> readBundle(const std::string& path) {
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"),
-                                                               std::fclose);
+    struct Closer {
+        void operator()(std::FILE* file) const { std::fclose(file); }
+    };
+    const std::unique_ptr<std::FILE, Closer> file(std::fopen(path.c_str(), "rb"));
     if (!file) return std::nullopt;
     std::string text;
     char chunk[16384];
