@@ -6,6 +6,7 @@
 
 #include <openssl/asn1.h>
 #include <openssl/crypto.h>
+#include <openssl/evp.h>
 #include <openssl/pkcs12.h>
 #include <openssl/pkcs7.h>
 #include <openssl/x509.h>
@@ -27,7 +28,9 @@ struct OpenSSLDeleter;
 
 // ASN1_INTEGER, ASN1_TIME, ASN1_BIT_STRING and the other string types are one OpenSSL type.
 FOUNDATION_OPENSSL_DELETER(ASN1_STRING, ASN1_STRING_free)
+FOUNDATION_OPENSSL_DELETER(EVP_ENCODE_CTX, EVP_ENCODE_CTX_free)
 FOUNDATION_OPENSSL_DELETER(EVP_PKEY_CTX, EVP_PKEY_CTX_free)
+FOUNDATION_OPENSSL_DELETER(EXTENDED_KEY_USAGE, EXTENDED_KEY_USAGE_free)
 FOUNDATION_OPENSSL_DELETER(PKCS12, PKCS12_free)
 FOUNDATION_OPENSSL_DELETER(PKCS7, PKCS7_free)
 FOUNDATION_OPENSSL_DELETER(X509_EXTENSION, X509_EXTENSION_free)

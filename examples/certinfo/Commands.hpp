@@ -31,6 +31,7 @@ int runGenerate(const std::vector<std::string>& words, std::ostream& out);
 int runEncode(const std::vector<std::string>& words, std::ostream& out);
 int runDecode(const std::vector<std::string>& words, std::ostream& out);
 int runKey(const std::vector<std::string>& words, std::ostream& out);
+int runRoots(const std::vector<std::string>& words, std::ostream& out);
 int runShow(const std::vector<std::string>& words, std::ostream& out);
 int runChain(const std::vector<std::string>& words, std::ostream& out);
 

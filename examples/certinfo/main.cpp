@@ -31,6 +31,8 @@ const std::vector<certinfo::Command>& commands() {
          "make an RSA key and a self-signed certificate for it; the key (PEM, or PKCS#12\n"
          "      with --pkcs12) is created readable by its owner only",
          certinfo::runGenerate},
+        {"roots", "roots [ssl|signing] [--count]",
+         "list the system's trusted roots for a usage, with counts", certinfo::runRoots},
     };
     return list;
 }

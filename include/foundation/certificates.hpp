@@ -4,11 +4,15 @@
 #include <foundation/certificates/CertificateValidation.hpp>
 #include <foundation/certificates/Encodings.hpp>
 #include <foundation/certificates/Exceptions.hpp>
+#include <foundation/certificates/ISystemCertificateAdder.hpp>
 #include <foundation/certificates/KeyConversions.hpp>
 #include <foundation/certificates/Logging.hpp>
 #include <foundation/certificates/OpenSSLHandles.hpp>
 #include <foundation/certificates/PublicKeyInfo.hpp>
 #include <foundation/certificates/SelfSignedCertBuilder.hpp>
+#include <foundation/certificates/SystemCertificateAdder.hpp>
+#include <foundation/certificates/TrustStore.hpp>
+#include <foundation/certificates/TrustStoreImpl.hpp>
 #include <foundation/certificates/Types.hpp>
 #include <foundation/certificates/X509Certificate.hpp>
 #include <foundation/certificates/X509CertificateChain.hpp>

@@ -57,6 +57,17 @@ fc::X509CRLUPtr makeCRL(const CRLSpec& spec) {
     return crl;
 }
 
+fc::X509CRLUPtr makeCRL(X509* issuer, EVP_PKEY* issuerKey,
+                        const std::vector<std::string>& revokedSerialsHex) {
+    CRLSpec spec;
+    spec.issuer = issuer;
+    spec.signingKey = issuerKey;
+    for (const std::string& serial : revokedSerialsHex) {
+        spec.revoked.push_back({serial, std::time(nullptr)});
+    }
+    return makeCRL(spec);
+}
+
 fc::ByteArray crlToDER(const X509_CRL* crl) {
     const int length = i2d_X509_CRL(crl, nullptr);
     require(length > 0, "DER length");

@@ -26,6 +26,11 @@ struct CRLSpec {
 
 foundation::certificates::X509CRLUPtr makeCRL(const CRLSpec& spec);
 
+// A list by the issuer, signed with its key, valid from an hour ago for a week, revoking the
+// given serial numbers (hex digits) as of now.
+foundation::certificates::X509CRLUPtr makeCRL(
+    X509* issuer, EVP_PKEY* issuerKey, const std::vector<std::string>& revokedSerialsHex = {});
+
 foundation::certificates::ByteArray crlToDER(const X509_CRL* crl);
 std::string crlToPEM(const X509_CRL* crl);
 

@@ -1,0 +1,67 @@
+// TrustStoreImpl: the unlocked implementation behind TrustStore.
+//
+// Public because an ISystemCertificateAdder receives one and feeds it with addCertificateDER.
+// Its operations take no TrustStore lock; the TrustStore that owns it holds its own lock
+// around every call. OpenSSL errors raised inside an operation are discarded; errors the
+// caller had queued before stay queued.
+#pragma once
+
+#include <foundation/certificates/Export.hpp>
+#include <foundation/certificates/ISystemCertificateAdder.hpp>
+#include <foundation/certificates/TrustStore.hpp>
+#include <foundation/certificates/Types.hpp>
+
+#include <openssl/x509.h>
+
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace foundation::certificates {
+
+class FOUNDATION_CERTIFICATES_EXPORT TrustStoreImpl {
+  public:
+    // With the platform's adder.
+    TrustStoreImpl();
+    // With the given adder, which may be empty (then no system certificates are added).
+    explicit TrustStoreImpl(std::unique_ptr<ISystemCertificateAdder> adder);
+    // A new store sharing the other's certificates and CRLs, with a clone of its adder; the
+    // guard proves the caller holds the owning facade's lock.
+    TrustStoreImpl(const TrustStoreImpl& other, const std::lock_guard<std::mutex>&);
+    TrustStoreImpl(TrustStoreImpl&& other) noexcept;
+    TrustStoreImpl(const TrustStoreImpl&) = delete;
+    TrustStoreImpl& operator=(const TrustStoreImpl&) = delete;
+    ~TrustStoreImpl();
+
+    // Parses the DER bytes and adds the certificate. Bytes that do not parse throw
+    // "Failed to parse DER data to X509 certificate." followed by their size and a dump.
+    void addCertificateDER(const ByteArray& bytes);
+    // The store takes its own reference; the caller keeps its certificate. A certificate the
+    // store already holds is accepted silently.
+    void addCertificateX509(X509* certificate);
+
+    // Runs the adder, then removeExpiredAndInvalidCertificatesFor(usage).
+    void addSystemCertificates(TrustStore::Usage usage, bool throwOnFailure);
+    // Removes every CRL and every certificate that has expired or is not valid for the usage.
+    void removeExpiredAndInvalidCertificatesFor(TrustStore::Usage usage);
+
+    // The certificate at an index of the store's object list, borrowed from the store. Throws
+    // "Unsupported object type found in TrustStore" for a CRL or an index out of range.
+    X509* getCertificate(int index) const;
+    std::vector<std::string> getPEMStrings() const;
+    std::size_t size() const;
+    bool empty() const;
+
+    // A new store with the same objects; the caller frees it. Null only when OpenSSL cannot
+    // allocate a store.
+    X509_STORE* copyOpenSSLStore() const;
+    std::shared_ptr<X509_STORE> getOpenSSLStore() const;
+
+  private:
+    std::shared_ptr<X509_STORE> store;
+    std::unique_ptr<ISystemCertificateAdder> systemCertificateAdder;
+};
+
+}  // namespace foundation::certificates

@@ -1,0 +1,51 @@
+#include "support/TestTrustStores.hpp"
+
+#include "support/TestKeys.hpp"
+
+#include <foundation/certificates/Exceptions.hpp>
+
+#include <cstdio>
+
+namespace testsupport {
+
+namespace fc = foundation::certificates;
+
+fc::X509UPtr makeQuickCertificate(const std::string& commonName, bool ca,
+                                  std::vector<std::pair<int, std::string>> extensions,
+                                  long notBeforeOffset, long notAfterOffset) {
+    static std::atomic<unsigned> nextSerial{0x5000};
+    char serial[16];
+    std::snprintf(serial, sizeof serial, "%X", nextSerial++);
+
+    CertificateSpec spec;
+    spec.subject = {{"O", "Foundation Trust Test"}, {"CN", commonName}};
+    spec.key = sharedKey(KeyKind::P256);
+    spec.ca = ca;
+    spec.serialHex = serial;
+    spec.extensions = std::move(extensions);
+    spec.notBeforeOffset = notBeforeOffset;
+    spec.notAfterOffset = notAfterOffset;
+    return makeCertificate(spec);
+}
+
+ListAdder::ListAdder(std::vector<fc::ByteArray> certificates,
+                     std::shared_ptr<std::atomic<int>> cloneCount)
+    : certificates(std::move(certificates)), cloneCount(std::move(cloneCount)) {}
+
+fc::ISystemCertificateAdder* ListAdder::clone() const {
+    if (cloneCount) ++*cloneCount;
+    return new ListAdder(*this);
+}
+
+void ListAdder::addSystemCertificates(fc::TrustStoreImpl& store, fc::TrustStore::Usage,
+                                      bool throwOnFailure) {
+    for (const fc::ByteArray& der : certificates) {
+        try {
+            store.addCertificateDER(der);
+        } catch (const fc::TrustStoreException&) {
+            if (throwOnFailure) throw;
+        }
+    }
+}
+
+}  // namespace testsupport
