@@ -1,6 +1,7 @@
 #include "FacadeAccess.hpp"
 #include "X509CertificateImpl.hpp"
 
+#include <foundation/certificates/CertificateValidation.hpp>
 #include <foundation/certificates/Exceptions.hpp>
 #include <foundation/certificates/X509Certificate.hpp>
 
@@ -131,6 +132,21 @@ bool X509Certificate::operator!=(const X509Certificate& other) const { return !(
 
 void X509Certificate::print(std::ostream& os) const {
     FacadeAccess::locked(*this, [&os](const X509CertificateImpl& i) { i.print(os); });
+}
+
+CertificateValidationResults X509Certificate::validateCertificate(
+    const X509CertificateChain& chain, const CertificateValidationOptions& options,
+    const TrustStore& trustStore) const {
+    return FacadeAccess::locked(*this, [&](const X509CertificateImpl& i) {
+        return i.validateCertificate(chain, options, trustStore);
+    });
+}
+
+X509Certificate X509Certificate::getRootCACertificate(const X509CertificateChain& chain,
+                                                      const TrustStore& trustStore) const {
+    return X509Certificate(FacadeAccess::locked(*this, [&](const X509CertificateImpl& i) {
+        return i.getRootCACertificate(chain, trustStore);
+    }));
 }
 
 std::ostream& operator<<(std::ostream& os, const X509Certificate& certificate) {

@@ -1,17 +1,22 @@
 // The implementation behind X509Certificate: one parsed certificate, shared between copies.
 #pragma once
 
+#include <foundation/certificates/CertificateValidation.hpp>
 #include <foundation/certificates/OpenSSLHandles.hpp>
 #include <foundation/certificates/PublicKeyInfo.hpp>
 #include <foundation/certificates/Types.hpp>
 
 #include <iosfwd>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 
 namespace foundation::certificates {
+
+class TrustStore;
+class X509CertificateChain;
 
 class X509CertificateImpl {
   public:
@@ -79,6 +84,21 @@ class X509CertificateImpl {
     void throwIfInvalidPublicKeyInfo() const;
 
     void print(std::ostream& os) const;
+
+    // A second implementation sharing this one's certificate. The caller holds the owning
+    // facade's lock.
+    X509CertificateImpl share() const { return X509CertificateImpl(certificate); }
+
+    // Validation against the chain and the trust store under the options: the trust anchor
+    // (only when verification succeeded) and the results record.
+    std::pair<std::optional<X509CertificateImpl>, CertificateValidationResults> validationHelper(
+        const X509CertificateChain& chain, const CertificateValidationOptions& options,
+        const TrustStore& trustStore) const;
+    CertificateValidationResults validateCertificate(const X509CertificateChain& chain,
+                                                     const CertificateValidationOptions& options,
+                                                     const TrustStore& trustStore) const;
+    X509CertificateImpl getRootCACertificate(const X509CertificateChain& chain,
+                                             const TrustStore& trustStore) const;
 
   private:
     explicit X509CertificateImpl(X509SPtr certificate);

@@ -26,6 +26,10 @@
 
 namespace foundation::certificates {
 
+class CertificateValidationOptions;
+class CertificateValidationResults;
+class TrustStore;
+class X509CertificateChain;
 class X509CertificateImpl;
 
 namespace detail {
@@ -139,6 +143,22 @@ class FOUNDATION_CERTIFICATES_EXPORT X509Certificate {
 
     // A short summary: names, fingerprint, self-signed and CA flags.
     void print(std::ostream& os) const;
+
+    // Validates this certificate with OpenSSL's verifier against the chain (untrusted
+    // intermediates, in issuing order, leaf side first) and the trust store; an empty trust store
+    // stands for the platform's trusted certificates. Verification outcomes are in the results;
+    // misuse and internal failures throw X509CertificateException, and so do failed revocation
+    // list downloads in DownloadCRL::ThrowOnError mode. Blocks while lists are downloaded; this
+    // object stays locked for the whole call.
+    CertificateValidationResults validateCertificate(const X509CertificateChain& chain,
+                                                     const CertificateValidationOptions& options,
+                                                     const TrustStore& trustStore) const;
+
+    // The trust anchor of this certificate's verified chain (expired and self-signed chains
+    // included; no revocation check). Throws X509CertificateException
+    // "Error: Root CA X509Certificate has no content." when no path to a trusted root exists.
+    X509Certificate getRootCACertificate(const X509CertificateChain& chain,
+                                         const TrustStore& trustStore) const;
 
     // Throws "Error: X509Certificate is uninitialized." after a move.
     void throwIfImplEmpty() const;

@@ -1,0 +1,36 @@
+// Revocation checking across a chain: which lists a validation needs, fetched level by level,
+// and the revoked entry behind an OpenSSL "certificate revoked" verdict.
+#pragma once
+
+#include "CrlDownload.hpp"
+
+#include <foundation/certificates/CertificateValidation.hpp>
+#include <foundation/certificates/OpenSSLHandles.hpp>
+#include <foundation/certificates/X509Certificate.hpp>
+
+#include <vector>
+
+namespace foundation::certificates {
+
+class TrustStore;
+class X509CertificateChain;
+
+namespace detail {
+
+// Fetches the lists the check needs into `store`, level by level: the list of the certificate at
+// index i is verified with the key of the certificate at i + 1, so the working list must be in
+// issuing order. Appends the trusted root first when the list does not end in a self-signed
+// certificate. True only when every needed list was obtained: one missing list switches
+// revocation checking off for the whole validation.
+bool downloadCRLs(CertificateValidationOptions::DownloadCRL mode,
+                  CertificateValidationOptions::CheckCRL check, std::vector<X509CRLUPtr>& crls,
+                  std::vector<X509Certificate>& workingList, StoreUPtr& store,
+                  const X509CertificateChain& chain, const TrustStore& trustStore);
+
+// The first revoked entry, lowest level first, whose serial number is that of the certificate at
+// the same level; NotRevoked when there is none.
+CertificateRevocationResults certificateRevocationDetails(
+    const std::vector<X509CRLUPtr>& crls, const std::vector<X509Certificate>& workingList);
+
+}  // namespace detail
+}  // namespace foundation::certificates

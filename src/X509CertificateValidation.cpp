@@ -1,0 +1,226 @@
+// Validation of one certificate with OpenSSL's verifier: the working store, the revocation
+// lists, the flags, the forgiving callback, and the mapping of OpenSSL's verdict.
+#include "Asn1Conversions.hpp"
+#include "FacadeAccess.hpp"
+#include "OpenSSLPtr.hpp"
+#include "RevocationChecking.hpp"
+#include "ValidationAccess.hpp"
+#include "X509CertificateImpl.hpp"
+
+#include <foundation/certificates/Exceptions.hpp>
+#include <foundation/certificates/TrustStore.hpp>
+#include <foundation/certificates/X509CertificateChain.hpp>
+
+#include <openssl/x509_vfy.h>
+
+namespace foundation::certificates {
+
+namespace {
+
+using Options = CertificateValidationOptions;
+using detail::ValidationAccess;
+
+constexpr unsigned long kAlwaysFlags = X509_V_FLAG_X509_STRICT | X509_V_FLAG_ALLOW_PROXY_CERTS |
+                                       X509_V_FLAG_CHECK_SS_SIGNATURE | X509_V_FLAG_TRUSTED_FIRST;
+
+// OpenSSL asks after every check; the options decide which failures are forgiven. It keeps no
+// state: the options come with the context, so concurrent validations do not meet here.
+int verifyCallback(int ok, X509_STORE_CTX* context) {
+    const auto* options = static_cast<const Options*>(X509_STORE_CTX_get_ex_data(context, 0));
+    const int error = X509_STORE_CTX_get_error(context);
+    if (error == X509_V_OK) return 1;
+    if (options == nullptr) return ok;
+    switch (error) {
+        case X509_V_ERR_CERT_HAS_EXPIRED:
+            return ValidationAccess::allowExpired(*options) == Options::AllowExpiredCertificate::Yes
+                       ? 1
+                       : ok;
+        case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
+        case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
+            return ValidationAccess::allowSelfSigned(*options) ==
+                           Options::AllowSelfSignedCertificate::Yes
+                       ? 1
+                       : ok;
+        case X509_V_ERR_CERT_REVOKED:
+            return ValidationAccess::allowRevoked(*options) == Options::AllowRevokedCertificate::Yes
+                       ? 1
+                       : ok;
+        default:
+            return ok;
+    }
+}
+
+std::string verificationErrorText(X509_STORE_CTX* context) {
+    const int error = X509_STORE_CTX_get_error(context);
+    // Without a current certificate (an internal OpenSSL failure) the subject stays empty.
+    X509* current = X509_STORE_CTX_get_current_cert(context);
+    const std::string subject =
+        current != nullptr ? detail::nameToString(X509_get_subject_name(current)) : std::string();
+    return "Errors present: Error code " + std::to_string(error) + "  at depth " +
+           std::to_string(X509_STORE_CTX_get_error_depth(context)) +
+           "Certificate Subject Name=" + subject + "\n" +
+           ". \nMessage:" + X509_verify_cert_error_string(error) + "\n";
+}
+
+CertificateValidationResults resultsFor(X509_STORE_CTX* context) {
+    const int error = X509_STORE_CTX_get_error(context);
+    switch (error) {
+        case X509_V_OK:
+            return {CertificateChainStatus::Valid, ""};
+        case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
+        case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
+        case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
+        case X509_V_ERR_CERT_CHAIN_TOO_LONG:
+        case X509_V_ERR_PATH_LENGTH_EXCEEDED:
+        case X509_V_ERR_INVALID_CA:
+            return {CertificateChainStatus::InvalidChain, verificationErrorText(context)};
+        case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
+        case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
+            return {CertificateChainStatus::SelfSigned, ""};
+        case X509_V_ERR_UNABLE_TO_GET_CRL:
+        case X509_V_ERR_UNABLE_TO_DECRYPT_CRL_SIGNATURE:
+        case X509_V_ERR_CRL_SIGNATURE_FAILURE:
+        case X509_V_ERR_CRL_NOT_YET_VALID:
+        case X509_V_ERR_CRL_HAS_EXPIRED:
+        case X509_V_ERR_ERROR_IN_CRL_LAST_UPDATE_FIELD:
+        case X509_V_ERR_ERROR_IN_CRL_NEXT_UPDATE_FIELD:
+            return {CertificateChainStatus::CRLError, verificationErrorText(context)};
+        case X509_V_ERR_CERT_REVOKED:
+            return {CertificateChainStatus::Revoked, verificationErrorText(context)};
+        case X509_V_ERR_CERT_HAS_EXPIRED:
+            return {CertificateChainStatus::Expired, verificationErrorText(context)};
+        case X509_V_ERR_UNABLE_TO_DECRYPT_CERT_SIGNATURE:
+        case X509_V_ERR_CERT_SIGNATURE_FAILURE:
+            return {CertificateChainStatus::InvalidSignature, verificationErrorText(context)};
+        default:
+            return {CertificateChainStatus::ValidationFailed,
+                    "Validation Failed. Return code=" + std::to_string(error) + "." +
+                        verificationErrorText(context)};
+    }
+}
+
+// The trust store a validation works with: a copy of the caller's, or the platform's trusted
+// certificates when the caller's is empty. The caller's store is never changed.
+TrustStore workingTrustStore(const TrustStore& trustStore) {
+    try {
+        if (!trustStore.empty()) return TrustStore(trustStore);
+        TrustStore platform;
+        platform.addSystemCertificates(TrustStore::Usage::Signing, false);
+        platform.addSystemCertificates(TrustStore::Usage::SSL, false);
+        return platform;
+    } catch (const TrustStoreException& e) {
+        throw X509CertificateException(std::string("Internal error:") + e.what());
+    }
+}
+
+// Untrusted certificates for the verifier, by reference: the stack never leaves this call.
+X509StackUPtr untrustedStack(const std::vector<X509Certificate>& certificates) {
+    X509StackUPtr stack = makeX509StackUPtr(sk_X509_new_null());
+    if (!stack) throw X509CertificateException("Internal error: Unable to allocate a stack.");
+    for (const X509Certificate& certificate : certificates) {
+        const X509SPtr parsed =
+            detail::FacadeAccess::locked(certificate, [](const X509CertificateImpl& i) {
+                i.throwIfEmpty();
+                return i.shared();
+            });
+        if (sk_X509_push(stack.get(), parsed.get()) <= 0) {
+            throw X509CertificateException("Internal error: Unable to allocate a stack.");
+        }
+        X509_up_ref(parsed.get());
+    }
+    return stack;
+}
+
+bool sameCertificate(const X509Certificate& certificate, const X509* x509) {
+    const X509SPtr parsed = detail::FacadeAccess::locked(
+        certificate, [](const X509CertificateImpl& i) { return i.shared(); });
+    return parsed.get() == x509 || (parsed && X509_cmp(parsed.get(), x509) == 0);
+}
+
+}  // namespace
+
+std::pair<std::optional<X509CertificateImpl>, CertificateValidationResults>
+X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const Options& options,
+                                      const TrustStore& trustStore) const {
+    throwIfEmpty();
+    const detail::OpenSSLPtr<X509_STORE_CTX> context(X509_STORE_CTX_new());
+    if (!context) {
+        throw X509CertificateException("Internal Error: error creating X509_STORE_CTX object\n");
+    }
+
+    const TrustStore working = workingTrustStore(trustStore);
+    detail::StoreUPtr store = copyOpenSSLStore(working);
+    if (!store) throw X509CertificateException("Internal error:Failed to create X509_STORE");
+
+    // This certificate first, unless the chain already starts with it.
+    std::vector<X509Certificate> workingList = chain.getCertificates();
+    if (workingList.empty() || !sameCertificate(workingList.front(), certificate.get())) {
+        workingList.insert(workingList.begin(), X509Certificate(share()));
+    }
+    const X509StackUPtr untrusted = untrustedStack(workingList);
+
+    std::vector<X509CRLUPtr> crls;
+    const bool crlsObtained = detail::downloadCRLs(ValidationAccess::downloadCRL(options),
+                                                   ValidationAccess::checkCRL(options), crls,
+                                                   workingList, store, chain, trustStore);
+
+    unsigned long flags = kAlwaysFlags;
+    if (crlsObtained &&
+        ValidationAccess::allowRevoked(options) == Options::AllowRevokedCertificate::No) {
+        if (ValidationAccess::checkCRL(options) == Options::CheckCRL::LeafOnly) {
+            flags |= X509_V_FLAG_CRL_CHECK;
+        } else if (ValidationAccess::checkCRL(options) == Options::CheckCRL::FullChain) {
+            flags |= X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL;
+        }
+    }
+
+    detail::OpenSSLPtr<X509_VERIFY_PARAM> param(X509_VERIFY_PARAM_new());
+    if (!param || X509_VERIFY_PARAM_set_flags(param.get(), flags) == 0) {
+        throw X509CertificateException("Failed to set the flags to X509 parameters");
+    }
+    X509_STORE_CTX_set0_param(context.get(), param.release());
+    if (X509_STORE_set_flags(store.get(), flags) == 0) {
+        throw X509CertificateException("Failed to set the flags to X509_STORE");
+    }
+    X509_STORE_set_verify_cb(store.get(), verifyCallback);
+    // Starts the context's parameters afresh from the store's: the store's flags are in effect.
+    X509_STORE_CTX_init(context.get(), store.get(), certificate.get(), untrusted.get());
+    X509_STORE_CTX_set_ex_data(context.get(), 0, const_cast<Options*>(&options));
+
+    CertificateValidationResults results(CertificateChainStatus::ValidationFailed, "");
+    if (X509_verify_cert(context.get()) > 0) {
+        results = CertificateValidationResults(CertificateChainStatus::Valid, "");
+        const X509StackUPtr verified = makeX509StackUPtr(X509_STORE_CTX_get1_chain(context.get()));
+        const int length = verified ? sk_X509_num(verified.get()) : 0;
+        if (length <= 0) throw X509CertificateException("Invalid certificate chain length.\n");
+        return {X509CertificateImpl(
+                    static_cast<const X509*>(sk_X509_value(verified.get(), length - 1))),
+                results};
+    }
+    results = resultsFor(context.get());
+    if (X509_STORE_CTX_get_error(context.get()) == X509_V_ERR_CERT_REVOKED &&
+        ValidationAccess::checkCRL(options) != Options::CheckCRL::None) {
+        results.setCertificateRevocationResults(
+            detail::certificateRevocationDetails(crls, workingList));
+    }
+    return {std::nullopt, results};
+}
+
+CertificateValidationResults X509CertificateImpl::validateCertificate(
+    const X509CertificateChain& chain, const Options& options, const TrustStore& trustStore) const {
+    return validationHelper(chain, options, trustStore).second;
+}
+
+X509CertificateImpl X509CertificateImpl::getRootCACertificate(const X509CertificateChain& chain,
+                                                              const TrustStore& trustStore) const {
+    const Options forgiving(
+        Options::AllowSelfSignedCertificate::Yes, Options::AllowExpiredCertificate::Yes,
+        Options::AllowRevokedCertificate::Yes, Options::CheckCRL::None, Options::DownloadCRL::No);
+    auto outcome = validationHelper(chain, forgiving, trustStore);
+    if (!outcome.first) {
+        throw X509CertificateException("Error: Root CA X509Certificate has no content.");
+    }
+    return std::move(*outcome.first);
+}
+
+}  // namespace foundation::certificates
