@@ -6,6 +6,7 @@
 #include <foundation/certificates/KeyConversions.hpp>
 #include <foundation/certificates/Logging.hpp>
 #include <foundation/certificates/OpenSSLHandles.hpp>
+#include <foundation/certificates/PKCS7Certificate.hpp>
 #include <foundation/certificates/PublicKeyInfo.hpp>
 #include <foundation/certificates/Types.hpp>
 #include <foundation/certificates/X509Certificate.hpp>
