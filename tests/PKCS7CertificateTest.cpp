@@ -1,4 +1,3 @@
-#include "PKCS7CertificateImpl.hpp"
 #include "support/Expectations.hpp"
 #include "support/TestCertificates.hpp"
 #include "support/TestKeys.hpp"
@@ -10,7 +9,9 @@
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 
+#include <atomic>
 #include <sstream>
+#include <thread>
 
 namespace fc = foundation::certificates;
 using fc::ByteArray;
@@ -37,7 +38,7 @@ class PKCS7Test : public ::testing::Test {
     const testsupport::Signer& signer = testsupport::chainedSigner();
     const X509Certificate signerCertificate{testsupport::toPEM(signer.certificate.get())};
     // Binary content: line ends and NUL bytes must come back unchanged.
-    const ByteArray content = bytesOf(std::string("signed\r\ncontent\n\0end", 21));
+    const ByteArray content = bytesOf(std::string("signed\r\ncontent\n\0end", 20));
 
     std::string signature(testsupport::SignatureSpec spec) const {
         spec.signer = &signer;
@@ -228,24 +229,6 @@ TEST_F(PKCS7Test, CopiesAreIndependentAndKeepTheStructure) {
     }
 }
 
-TEST_F(PKCS7Test, ImplementationAssignmentKeepsAStructureWhenTheSourceHasNone) {
-    fc::PKCS7CertificateImpl target(bundleDer);
-    fc::PKCS7CertificateImpl source;
-    source.addCertificate(leaf);
-    target = source;
-    EXPECT_EQ(target.getCertificates(), std::vector<X509Certificate>{leaf});
-    EXPECT_EQ(target.getAsString(), bundlePem);
-
-    fc::PKCS7CertificateImpl moved(std::move(target));
-    EXPECT_TRUE(target.empty());
-    EXPECT_EQ(target.get(), nullptr);
-    fc::PKCS7CertificateImpl other(bundleDer);
-    other = std::move(moved);
-    EXPECT_EQ(other.getCertificates(), std::vector<X509Certificate>{leaf});
-    EXPECT_TRUE(moved.empty());
-    EXPECT_EQ(moved.get(), nullptr);
-}
-
 TEST_F(PKCS7Test, MovedFromObjectIsUninitialisedUntilACertificateIsAdded) {
     PKCS7Certificate source(bundlePem);
     PKCS7Certificate target(std::move(source));
@@ -298,7 +281,19 @@ TEST_F(PKCS7Test, SignerCertificatesComeOnlyFromSignerInformation) {
 }
 
 TEST_F(PKCS7Test, SignedDataIsTheAttachedContentOnceItVerifies) {
-    EXPECT_EQ(PKCS7Certificate(signature({})).getSignedData(), content);
+    // Whoever signed: the certificates' paths play no part.
+    for (const testsupport::Signer* anySigner :
+         {&testsupport::chainedSigner(), &testsupport::directSigner(),
+          &testsupport::expiredSigner(), &testsupport::selfSignedSigner()}) {
+        testsupport::SignatureSpec spec;
+        spec.signer = anySigner;
+        const PKCS7Certificate signed_(
+            testsupport::pkcs7ToDER(testsupport::makeSignature(spec, content).get()));
+        EXPECT_EQ(signed_.getSignedData(), content);
+        EXPECT_EQ(signed_.getSignerCerts().getCertificates(),
+                  std::vector<X509Certificate>{
+                      X509Certificate(testsupport::toPEM(anySigner->certificate.get()))});
+    }
 
     testsupport::SignatureSpec detached;
     detached.detached = true;
@@ -312,6 +307,37 @@ TEST_F(PKCS7Test, SignedDataIsTheAttachedContentOnceItVerifies) {
         EXPECT_NE(ERR_peek_error(), 0u);  // left for the caller
         ERR_clear_error();
     }
+}
+
+// The loaded structure shares its certificates with the values handed out: signature work on the
+// structure and reads of those values run side by side.
+using PKCS7Concurrency = PKCS7Test;
+
+TEST_F(PKCS7Concurrency, SharedCertificatesStayReadableDuringSignatureWork) {
+    testsupport::SignatureSpec withIntermediate;
+    withIntermediate.extraCertificates = {pki.intermediate.get()};
+    const PKCS7Certificate shared(signature(withIntermediate));
+    const std::vector<X509Certificate> handedOut = shared.getCertificates();
+    std::atomic<int> mismatches{0};
+
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 20; ++i) {
+                const X509Certificate& certificate = handedOut[static_cast<std::size_t>(t % 2)];
+                const bool ok =
+                    (t < 2 ? shared.getSignedData() == content &&
+                                 shared.getSignerCerts().getCertificates().front() == handedOut[0]
+                           : certificate.getPublicKeyInfo().getKeySize() == 2048 &&
+                                 certificate.isCACertificate() == (t % 2 == 1) &&
+                                 PKCS7Certificate(shared) == shared);
+                if (!ok) ++mismatches;
+                ERR_clear_error();
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(mismatches, 0);
 }
 
 }  // namespace
