@@ -2,6 +2,7 @@
 //   seed_corpus DIR   creates DIR/<target>/<name> files.
 #include "support/TestCertificates.hpp"
 #include "support/TestKeys.hpp"
+#include "support/TestPKCS7.hpp"
 
 #include <filesystem>
 #include <fstream>
@@ -46,6 +47,21 @@ int main(int argc, char** argv) {
           testsupport::toPEM(rsa.leaf.get()) + testsupport::toPEM(rsa.intermediate.get()) +
               testsupport::toPEM(rsa.root.get()));
     write(chains, "ec-with-text.pem", "bundle\n" + testsupport::toPEM(ec.root.get()) + "end\n");
+
+    const fs::path pkcs7 = root / "fuzz_pkcs7";
+    write(pkcs7, "bundle.pem",
+          testsupport::pkcs7ToPEM(testsupport::makeCertificateBundle(
+                                      {rsa.leaf.get(), rsa.intermediate.get(), rsa.root.get()})
+                                      .get()));
+    testsupport::SignatureSpec attached;
+    attached.signer = &testsupport::chainedSigner();
+    attached.extraCertificates = {rsa.intermediate.get()};
+    const std::string content = "signed content\n";
+    write(pkcs7, "attached-signature.der",
+          testsupport::pkcs7ToDER(
+              testsupport::makeSignature(
+                  attached, foundation::certificates::ByteArray(content.begin(), content.end()))
+                  .get()));
 
     const fs::path encodings = root / "fuzz_encodings";
     write(encodings, "base64", std::string("TWFuIGlzIGRpc3Rpbmd1aXNoZWQ="));

@@ -22,6 +22,10 @@ const std::vector<certinfo::Command>& commands() {
         {"chain", "chain FILE [--pem]",
          "print every certificate of a PEM chain file (or write the chain back as PEM)",
          certinfo::runChain},
+        {"pkcs7", "pkcs7 FILE [--pem]",
+         "list the certificates and signers of a PKCS#7 file, PEM or DER (or write it back as "
+         "PEM)",
+         certinfo::runPKCS7},
         {"key", "key FILE", "classify a PEM public or private key", certinfo::runKey},
         {"generate",
          "generate --cert-out FILE --key-out FILE [--cn NAME] [--san ENTRY[,ENTRY]]...\n"

@@ -8,6 +8,7 @@
 #include <foundation/certificates/KeyConversions.hpp>
 #include <foundation/certificates/Logging.hpp>
 #include <foundation/certificates/OpenSSLHandles.hpp>
+#include <foundation/certificates/PKCS7Certificate.hpp>
 #include <foundation/certificates/PublicKeyInfo.hpp>
 #include <foundation/certificates/SelfSignedCertBuilder.hpp>
 #include <foundation/certificates/SystemCertificateAdder.hpp>

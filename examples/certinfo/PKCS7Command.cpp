@@ -1,0 +1,61 @@
+#include "Commands.hpp"
+
+#include <foundation/certificates/PKCS7Certificate.hpp>
+#include <foundation/certificates/X509CertificateChain.hpp>
+
+#include <ostream>
+
+namespace certinfo {
+
+namespace fc = foundation::certificates;
+
+namespace {
+
+std::string count(std::size_t n, const char* one, const char* many) {
+    return std::to_string(n) + " " + (n == 1 ? one : many);
+}
+
+}  // namespace
+
+int runPKCS7(const std::vector<std::string>& words, std::ostream& out) {
+    const Arguments args(words, {}, {"pem"});
+    args.expectPositionalCount(1, 1);
+    const std::string data = readInput(args.positional(0, "PKCS#7 file"));
+    const fc::PKCS7Certificate pkcs7(fc::ByteArray(data.begin(), data.end()));
+    if (args.flag("pem")) {
+        out << pkcs7.getAsString();
+        return kExitOk;
+    }
+
+    const std::vector<fc::X509Certificate> certificates = pkcs7.getCertificates();
+    out << count(certificates.size(), "certificate", "certificates") << " in the structure\n\n";
+    for (std::size_t i = 0; i < certificates.size(); ++i) {
+        out << "[" << i << "] ";
+        describeCertificate(certificates[i], out);
+        out << '\n';
+    }
+
+    const std::vector<fc::X509Certificate> signers = pkcs7.getSignerCerts().getCertificates();
+    out << count(signers.size(), "signer", "signers");
+    if (signers.empty()) {
+        out << " (a certificate bundle, or the signers' certificates are not inside)\n";
+    } else {
+        out << ":\n";
+        for (const fc::X509Certificate& signer : signers) {
+            out << "  " << signer.getSubjectName() << "\n    SHA-256 "
+                << signer.getSHA256Fingerprint() << '\n';
+        }
+    }
+
+    // Content comes back only once its signature checks out with the enclosed certificates.
+    const fc::ByteArray content = pkcs7.getSignedData();
+    if (!content.empty()) {
+        out << "Attached content: " << count(content.size(), "byte", "bytes")
+            << ", signature intact (signer paths not checked)\n";
+    } else if (!signers.empty()) {
+        out << "Attached content: none, or its signature does not check out\n";
+    }
+    return kExitOk;
+}
+
+}  // namespace certinfo

@@ -1,0 +1,101 @@
+// PKCS7Certificate: a PKCS#7 signed-data structure (a certificate bundle, or a signature with or
+// without its content), loaded from PEM or DER.
+//
+// The object keeps the parsed structure, which is what it writes out and what the signature
+// operations read, and the list of certificates found in it at load. The two are separate
+// afterwards: addCertificate extends the list, never the structure. Every operation locks the
+// object's own mutex. A moved-from object throws PKCS7CertificateException
+// "Error: PKCS7Certificate is uninitialized." from every accessor; addCertificate brings it back
+// to use.
+//
+//   foundation::certificates::PKCS7Certificate bundle(pemOrDerBytes);
+//   for (const auto& certificate : bundle.getCertificates()) std::cout << certificate;
+#pragma once
+
+#include <foundation/certificates/Export.hpp>
+#include <foundation/certificates/Types.hpp>
+#include <foundation/certificates/X509Certificate.hpp>
+#include <foundation/certificates/X509CertificateChain.hpp>
+
+#include <cstddef>
+#include <iosfwd>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace foundation::certificates {
+
+class PKCS7CertificateImpl;
+
+class FOUNDATION_CERTIFICATES_EXPORT PKCS7Certificate {
+  public:
+    // No structure and no certificates.
+    PKCS7Certificate();
+
+    // PEM when "-----BEGIN PKCS7-----" occurs anywhere in the data, DER otherwise. Only the
+    // signed and the signed-and-enveloped types are accepted; a structure without certificates
+    // loads as an empty object. Throws InvalidArgument for empty or unreadable input, data that
+    // is not in the detected encoding and other content types, and PKCS7CertificateException
+    // for other parse failures and refused certificates. The stream is read to its end.
+    explicit PKCS7Certificate(std::istream& input);
+    explicit PKCS7Certificate(const std::string& data);
+    explicit PKCS7Certificate(const ByteArray& data);
+
+    // Copying locks the source and duplicates its structure. Copying a moved-from object throws
+    // "Error: PKCS7Certificate is uninitialized.".
+    PKCS7Certificate(const PKCS7Certificate& other);
+    PKCS7Certificate& operator=(const PKCS7Certificate& other);
+
+    // Moving takes no lock: do not move an object that another thread is using.
+    PKCS7Certificate(PKCS7Certificate&& other) noexcept;
+    PKCS7Certificate& operator=(PKCS7Certificate&& other) noexcept;
+    void swap(PKCS7Certificate& other) noexcept;
+
+    ~PKCS7Certificate();
+
+    // Appends a copy to the list; the structure, and so getAsBytes, is not changed. Throws
+    // InvalidArgument "The provided certificate has no content." for an empty certificate.
+    void addCertificate(const X509Certificate& certificate);
+
+    // The certificates of the structure in its order, then the added ones.
+    std::vector<X509Certificate> getCertificates() const;
+    std::size_t getNumCertificates() const;
+    bool empty() const;
+
+    // The structure as PEM text, in OpenSSL's 64-column layout; empty when the list is empty.
+    // Throws PKCS7CertificateException "Unable to write out the PKCS7 data" when there is no
+    // structure to write (certificates added to a default-constructed object).
+    ByteArray getAsBytes() const;
+    std::string getAsString() const;
+
+    // The certificates of the signers, looked up among those inside the structure, in signer
+    // order. Empty for a bundle without signers or when a signer's certificate is missing; the
+    // OpenSSL error that says why stays queued.
+    X509CertificateChain getSignerCerts() const;
+
+    // The attached content, once its signature verifies with the certificates inside the
+    // structure (their paths are not checked). Empty for a detached signature and for one that
+    // does not verify; the OpenSSL error that says why stays queued.
+    ByteArray getSignedData() const;
+
+    void print(std::ostream& os) const;
+
+    // Element-wise equality of the certificate lists; the structures are not compared. The two
+    // objects are locked one after the other, never together.
+    bool operator==(const PKCS7Certificate& other) const;
+    bool operator!=(const PKCS7Certificate& other) const;
+
+    void throwIfImplEmpty() const;
+
+  private:
+    friend struct detail::FacadeAccess;
+
+    std::unique_ptr<PKCS7CertificateImpl> impl;
+    mutable std::mutex mutex;
+};
+
+FOUNDATION_CERTIFICATES_EXPORT std::ostream& operator<<(std::ostream& os,
+                                                        const PKCS7Certificate& pkcs7);
+
+}  // namespace foundation::certificates

@@ -1,0 +1,106 @@
+#include "FacadeAccess.hpp"
+#include "PKCS7CertificateImpl.hpp"
+
+#include <foundation/certificates/Exceptions.hpp>
+#include <foundation/certificates/PKCS7Certificate.hpp>
+
+#include <ostream>
+
+namespace foundation::certificates {
+
+using detail::FacadeAccess;
+using Impl = PKCS7CertificateImpl;
+
+PKCS7Certificate::PKCS7Certificate() : impl(std::make_unique<Impl>()) {}
+
+PKCS7Certificate::PKCS7Certificate(std::istream& input) : impl(std::make_unique<Impl>(input)) {}
+
+PKCS7Certificate::PKCS7Certificate(const std::string& data) : impl(std::make_unique<Impl>(data)) {}
+
+PKCS7Certificate::PKCS7Certificate(const ByteArray& data) : impl(std::make_unique<Impl>(data)) {}
+
+PKCS7Certificate::PKCS7Certificate(const PKCS7Certificate& other) {
+    const std::lock_guard<std::mutex> lock(other.mutex);
+    // A moved-from source has nothing to copy; refusing is clearer than passing the state on.
+    other.throwIfImplEmpty();
+    impl = std::make_unique<Impl>(*other.impl, lock);
+}
+
+PKCS7Certificate& PKCS7Certificate::operator=(const PKCS7Certificate& other) {
+    PKCS7Certificate copy(other);
+    swap(copy);
+    return *this;
+}
+
+PKCS7Certificate::PKCS7Certificate(PKCS7Certificate&& other) noexcept
+    : impl(std::move(other.impl)) {}
+
+PKCS7Certificate& PKCS7Certificate::operator=(PKCS7Certificate&& other) noexcept {
+    swap(other);
+    return *this;
+}
+
+void PKCS7Certificate::swap(PKCS7Certificate& other) noexcept { impl.swap(other.impl); }
+
+PKCS7Certificate::~PKCS7Certificate() = default;
+
+void PKCS7Certificate::throwIfImplEmpty() const {
+    if (!impl) throw PKCS7CertificateException("Error: PKCS7Certificate is uninitialized.");
+}
+
+void PKCS7Certificate::addCertificate(const X509Certificate& certificate) {
+    if (certificate.empty()) throw InvalidArgument("The provided certificate has no content.");
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (!impl) impl = std::make_unique<Impl>();  // the one way back from a move
+    impl->addCertificate(certificate);
+}
+
+std::vector<X509Certificate> PKCS7Certificate::getCertificates() const {
+    return FacadeAccess::locked(*this, [](const Impl& i) { return i.getCertificates(); });
+}
+
+std::size_t PKCS7Certificate::getNumCertificates() const {
+    return FacadeAccess::locked(*this, [](const Impl& i) { return i.getNumCertificates(); });
+}
+
+bool PKCS7Certificate::empty() const {
+    return FacadeAccess::locked(*this, [](const Impl& i) { return i.empty(); });
+}
+
+ByteArray PKCS7Certificate::getAsBytes() const {
+    if (empty()) return {};
+    return FacadeAccess::locked(*this, [](const Impl& i) { return i.getAsBytes(); });
+}
+
+std::string PKCS7Certificate::getAsString() const {
+    if (empty()) return {};
+    return FacadeAccess::locked(*this, [](const Impl& i) { return i.getAsString(); });
+}
+
+X509CertificateChain PKCS7Certificate::getSignerCerts() const {
+    return FacadeAccess::locked(*this, [](const Impl& i) { return i.getSignerCerts(); });
+}
+
+ByteArray PKCS7Certificate::getSignedData() const {
+    return FacadeAccess::locked(*this, [](const Impl& i) { return i.getSignedData(); });
+}
+
+void PKCS7Certificate::print(std::ostream& os) const {
+    FacadeAccess::locked(*this, [&os](const Impl& i) { i.print(os); });
+}
+
+bool PKCS7Certificate::operator==(const PKCS7Certificate& other) const {
+    // One lock at a time, so an object compares with itself safely.
+    const std::vector<X509Certificate> mine = getCertificates();
+    const std::vector<X509Certificate> theirs = other.getCertificates();
+    return mine == theirs;
+}
+
+bool PKCS7Certificate::operator!=(const PKCS7Certificate& other) const { return !(*this == other); }
+
+std::ostream& operator<<(std::ostream& os, const PKCS7Certificate& pkcs7) {
+    pkcs7.print(os);
+    return os;
+}
+
+}  // namespace foundation::certificates
