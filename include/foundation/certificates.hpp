@@ -6,6 +6,8 @@
 #include <foundation/certificates/KeyConversions.hpp>
 #include <foundation/certificates/Logging.hpp>
 #include <foundation/certificates/OpenSSLHandles.hpp>
+#include <foundation/certificates/PKCS12Certificate.hpp>
+#include <foundation/certificates/PrivateKeyInfo.hpp>
 #include <foundation/certificates/PublicKeyInfo.hpp>
 #include <foundation/certificates/Types.hpp>
 #include <foundation/certificates/X509Certificate.hpp>
