@@ -32,6 +32,7 @@ int runDecode(const std::vector<std::string>& words, std::ostream& out);
 int runKey(const std::vector<std::string>& words, std::ostream& out);
 int runShow(const std::vector<std::string>& words, std::ostream& out);
 int runChain(const std::vector<std::string>& words, std::ostream& out);
+int runPKCS12(const std::vector<std::string>& words, std::ostream& out);
 
 // The library's summary of a certificate plus its serial number, dates and key.
 void describeCertificate(const foundation::certificates::X509Certificate& certificate,

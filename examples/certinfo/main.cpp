@@ -23,6 +23,9 @@ const std::vector<certinfo::Command>& commands() {
          "print every certificate of a PEM chain file (or write the chain back as PEM)",
          certinfo::runChain},
         {"key", "key FILE", "classify a PEM public or private key", certinfo::runKey},
+        {"pkcs12", "pkcs12 FILE [--passphrase TEXT | --passphrase-env NAME] [--show-secrets]",
+         "open a DER PKCS#12 file: certificate, chain, key type (secrets with --show-secrets)",
+         certinfo::runPKCS12},
     };
     return list;
 }
