@@ -12,6 +12,7 @@
 #include <openssl/err.h>
 #include <openssl/provider.h>
 
+#include <atomic>
 #include <climits>
 #include <istream>
 #include <iterator>
@@ -53,6 +54,36 @@ class WipedBytes {
 };
 
 std::string reason() { return detail::getOpenSSLErrorReason(); }
+
+// The legacy provider stays loaded in the default library context for the rest of the process.
+// The first load's reference is kept and released at exit: the holder is made after OpenSSL has
+// initialised itself, so it goes before OpenSSL's clean-up, which can then tear the provider
+// down instead of leaving it behind. Later loads hand their extra reference straight back.
+class KeptProvider {
+  public:
+    KeptProvider() = default;
+    KeptProvider(const KeptProvider&) = delete;
+    KeptProvider& operator=(const KeptProvider&) = delete;
+    ~KeptProvider() {
+        if (OSSL_PROVIDER* provider = kept.exchange(nullptr)) OSSL_PROVIDER_unload(provider);
+    }
+
+    void keepOrRelease(OSSL_PROVIDER* provider) {
+        OSSL_PROVIDER* none = nullptr;
+        if (!kept.compare_exchange_strong(none, provider)) OSSL_PROVIDER_unload(provider);
+    }
+
+  private:
+    std::atomic<OSSL_PROVIDER*> kept{nullptr};
+};
+
+bool loadLegacyProvider() {
+    OSSL_PROVIDER* provider = OSSL_PROVIDER_load(nullptr, "legacy");
+    if (provider == nullptr) return false;
+    static KeptProvider keeper;
+    keeper.keepOrRelease(provider);
+    return true;
+}
 
 // OSSL_PARAM_free clears only the secure-heap part of an exported array; a key's octet strings
 // (an Ed25519 private key) live in the ordinary part.
@@ -143,7 +174,7 @@ void PKCS12CertificateImpl::init(const ByteArray& der, const std::string& passph
 
     // Older containers use ciphers that only the legacy provider has. The MAC check above has
     // already activated the default provider, so adding this one does not displace it.
-    if (OSSL_PROVIDER_load(nullptr, "legacy") == nullptr) {
+    if (!loadLegacyProvider()) {
         throw PKCS12CertificateException("Error: Loading legacy provider failed." + reason());
     }
 
