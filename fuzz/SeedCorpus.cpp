@@ -3,6 +3,7 @@
 #include "support/TestCertificates.hpp"
 #include "support/TestKeys.hpp"
 #include "support/TestPKCS7.hpp"
+#include "support/TestPKCS12.hpp"
 
 #include <filesystem>
 #include <fstream>
@@ -20,6 +21,13 @@ void write(const fs::path& directory, const std::string& name, const std::string
 void write(const fs::path& directory, const std::string& name,
            const foundation::certificates::ByteArray& bytes) {
     write(directory, name, std::string(bytes.begin(), bytes.end()));
+}
+
+// The PKCS#12 target's framing: passphrase length, passphrase, container.
+std::string pkcs12Input(const testsupport::PKCS12Spec& spec) {
+    const foundation::certificates::ByteArray der = testsupport::makePKCS12(spec);
+    return std::string(1, static_cast<char>(spec.passphrase.size())) + spec.passphrase +
+           std::string(der.begin(), der.end());
 }
 
 }  // namespace
@@ -62,6 +70,31 @@ int main(int argc, char** argv) {
               testsupport::makeSignature(
                   attached, foundation::certificates::ByteArray(content.begin(), content.end()))
                   .get()));
+
+    using testsupport::KeyKind;
+    using testsupport::PKCS12Spec;
+    const fs::path pkcs12 = root / "fuzz_pkcs12";
+    PKCS12Spec full;
+    full.key = rsa.leafKey.get();
+    full.certificate = rsa.leaf.get();
+    full.caChain = {rsa.intermediate.get(), rsa.root.get()};
+    write(pkcs12, "rsa-chain", pkcs12Input(full));
+    PKCS12Spec legacy = full;
+    legacy.algorithms = testsupport::PKCS12Algorithms::Legacy;
+    write(pkcs12, "rsa-legacy", pkcs12Input(legacy));
+    PKCS12Spec p256;
+    p256.key = testsupport::sharedKey(KeyKind::P256);
+    const auto p256Certificate = testsupport::selfSignedFor(p256.key);
+    p256.certificate = p256Certificate.get();
+    p256.passphrase = "";
+    write(pkcs12, "p256-empty-passphrase", pkcs12Input(p256));
+    PKCS12Spec ed25519Key;
+    ed25519Key.key = testsupport::sharedKey(KeyKind::Ed25519);
+    write(pkcs12, "ed25519-key-only", pkcs12Input(ed25519Key));
+    PKCS12Spec certificatesOnly;
+    certificatesOnly.certificate = p256.certificate;
+    certificatesOnly.caChain = {rsa.root.get()};
+    write(pkcs12, "certificates-only", pkcs12Input(certificatesOnly));
 
     const fs::path encodings = root / "fuzz_encodings";
     write(encodings, "base64", std::string("TWFuIGlzIGRpc3Rpbmd1aXNoZWQ="));

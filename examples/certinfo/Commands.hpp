@@ -35,6 +35,7 @@ int runRoots(const std::vector<std::string>& words, std::ostream& out);
 int runShow(const std::vector<std::string>& words, std::ostream& out);
 int runChain(const std::vector<std::string>& words, std::ostream& out);
 int runPKCS7(const std::vector<std::string>& words, std::ostream& out);
+int runPKCS12(const std::vector<std::string>& words, std::ostream& out);
 
 // The library's summary of a certificate plus its serial number, dates and key.
 void describeCertificate(const foundation::certificates::X509Certificate& certificate,

@@ -37,6 +37,9 @@ const std::vector<certinfo::Command>& commands() {
          certinfo::runGenerate},
         {"roots", "roots [ssl|signing] [--count]",
          "list the system's trusted roots for a usage, with counts", certinfo::runRoots},
+        {"pkcs12", "pkcs12 FILE [--passphrase TEXT | --passphrase-env NAME] [--show-secrets]",
+         "open a DER PKCS#12 file: certificate, chain, key type (secrets with --show-secrets)",
+         certinfo::runPKCS12},
     };
     return list;
 }

@@ -9,6 +9,8 @@
 #include <foundation/certificates/Logging.hpp>
 #include <foundation/certificates/OpenSSLHandles.hpp>
 #include <foundation/certificates/PKCS7Certificate.hpp>
+#include <foundation/certificates/PKCS12Certificate.hpp>
+#include <foundation/certificates/PrivateKeyInfo.hpp>
 #include <foundation/certificates/PublicKeyInfo.hpp>
 #include <foundation/certificates/SelfSignedCertBuilder.hpp>
 #include <foundation/certificates/SystemCertificateAdder.hpp>

@@ -1,0 +1,90 @@
+// PKCS12Certificate: a PKCS#12 key store opened with its passphrase.
+//
+// Holds the certificate that belongs to the key, the other certificates as a chain, and the
+// private key's secret as a PrivateKeyInfo. Only what the rest of the library supports opens:
+// RSA keys of at least 1024 bits, P-256 and Ed25519 keys, and certificates that load as
+// X509Certificate. Every operation locks the object's own mutex. A moved-from object throws
+// PKCS12CertificateException "Error: PKCS12Certificate is uninitialized." from every operation
+// but destruction, assignment and swap.
+//
+// Opening a container loads OpenSSL's "legacy" provider into the process-wide default library
+// context, where it stays, so that containers made with 40-bit RC2 or 3DES open too.
+//
+//   foundation::certificates::PKCS12Certificate store(derBytes, passphrase);
+//   const auto key = store.getPrivateKeyInfo();
+#pragma once
+
+#include <foundation/certificates/Export.hpp>
+#include <foundation/certificates/PrivateKeyInfo.hpp>
+#include <foundation/certificates/Types.hpp>
+#include <foundation/certificates/X509Certificate.hpp>
+#include <foundation/certificates/X509CertificateChain.hpp>
+
+#include <iosfwd>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace foundation::certificates {
+
+class PKCS12CertificateImpl;
+
+class FOUNDATION_CERTIFICATES_EXPORT PKCS12Certificate {
+  public:
+    // An empty container: empty() is true.
+    PKCS12Certificate();
+
+    // Opens DER PKCS#12 data (a stream is read to its end). Throws InvalidArgument for empty or
+    // unreadable input, IncorrectPassphrase when the integrity check fails (a wrong passphrase,
+    // or a container without one), PKCS12CertificateException when the data is no PKCS#12
+    // structure, cannot be decrypted or holds a certificate or key that the library refuses,
+    // UnsupportedEllipticCurve / UnsupportedKeyType for keys of other kinds.
+    PKCS12Certificate(std::istream& input, const std::string& passphrase);
+    PKCS12Certificate(const ByteArray& der, const std::string& passphrase);
+
+    // Copies share the parsed container; certificate, chain and key info are copied.
+    PKCS12Certificate(const PKCS12Certificate& other);
+    PKCS12Certificate& operator=(const PKCS12Certificate& other);
+
+    // Moving takes no lock: do not move an object that another thread is using.
+    PKCS12Certificate(PKCS12Certificate&& other) noexcept;
+    PKCS12Certificate& operator=(PKCS12Certificate&& other) noexcept;
+    void swap(PKCS12Certificate& other) noexcept;
+
+    ~PKCS12Certificate();
+
+    // The key's certificate; an empty certificate when the container holds none.
+    X509Certificate getCertificate() const;
+    // The other certificates, in container order.
+    X509CertificateChain getCAChain() const;
+    // No value when the container holds no key.
+    std::optional<PrivateKeyInfo> getPrivateKeyInfo() const;
+    // The RSA private exponent; empty without a key, NotRSAKey for an elliptic-curve key.
+    ByteArray getPrivateExponent() const;
+
+    bool empty() const;
+
+    // The container's DER encoding, still protected by its passphrase; empty for an empty object.
+    ByteArray getAsBytes() const;
+
+    void print(std::ostream& os) const;
+
+    // Same certificate, chain and key info. Only this object is locked, not the other one.
+    bool operator==(const PKCS12Certificate& other) const;
+    bool operator!=(const PKCS12Certificate& other) const;
+
+    // Throws "Error: PKCS12Certificate is uninitialized." after a move.
+    void throwIfImplEmpty() const;
+
+  private:
+    friend struct detail::FacadeAccess;
+
+    std::unique_ptr<PKCS12CertificateImpl> impl;
+    mutable std::mutex mutex;
+};
+
+FOUNDATION_CERTIFICATES_EXPORT std::ostream& operator<<(std::ostream& os,
+                                                        const PKCS12Certificate& container);
+
+}  // namespace foundation::certificates

@@ -1,0 +1,97 @@
+#include "FacadeAccess.hpp"
+#include "PKCS12CertificateImpl.hpp"
+
+#include <foundation/certificates/Exceptions.hpp>
+#include <foundation/certificates/PKCS12Certificate.hpp>
+
+#include <ostream>
+
+namespace foundation::certificates {
+
+using detail::FacadeAccess;
+using Impl = PKCS12CertificateImpl;
+
+PKCS12Certificate::PKCS12Certificate() : impl(std::make_unique<Impl>()) {}
+
+PKCS12Certificate::PKCS12Certificate(std::istream& input, const std::string& passphrase)
+    : impl(std::make_unique<Impl>(input, passphrase)) {}
+
+PKCS12Certificate::PKCS12Certificate(const ByteArray& der, const std::string& passphrase)
+    : impl(std::make_unique<Impl>(der, passphrase)) {}
+
+PKCS12Certificate::PKCS12Certificate(const PKCS12Certificate& other) {
+    const std::lock_guard<std::mutex> lock(other.mutex);
+    other.throwIfImplEmpty();
+    impl = std::make_unique<Impl>(*other.impl, lock);
+}
+
+PKCS12Certificate& PKCS12Certificate::operator=(const PKCS12Certificate& other) {
+    PKCS12Certificate copy(other);
+    swap(copy);
+    return *this;
+}
+
+PKCS12Certificate::PKCS12Certificate(PKCS12Certificate&& other) noexcept
+    : impl(std::move(other.impl)) {}
+
+PKCS12Certificate& PKCS12Certificate::operator=(PKCS12Certificate&& other) noexcept {
+    swap(other);
+    return *this;
+}
+
+void PKCS12Certificate::swap(PKCS12Certificate& other) noexcept { impl.swap(other.impl); }
+
+PKCS12Certificate::~PKCS12Certificate() = default;
+
+void PKCS12Certificate::throwIfImplEmpty() const {
+    if (!impl) throw PKCS12CertificateException("Error: PKCS12Certificate is uninitialized.");
+}
+
+X509Certificate PKCS12Certificate::getCertificate() const {
+    return FacadeAccess::locked(*this, [](const Impl& i) { return i.getCertificate(); });
+}
+
+X509CertificateChain PKCS12Certificate::getCAChain() const {
+    return FacadeAccess::locked(*this, [](const Impl& i) { return i.getCAChain(); });
+}
+
+std::optional<PrivateKeyInfo> PKCS12Certificate::getPrivateKeyInfo() const {
+    return FacadeAccess::locked(*this, [](const Impl& i) { return i.getPrivateKeyInfo(); });
+}
+
+ByteArray PKCS12Certificate::getPrivateExponent() const {
+    return FacadeAccess::locked(*this, [](const Impl& i) { return i.getPrivateExponent(); });
+}
+
+bool PKCS12Certificate::empty() const {
+    return FacadeAccess::locked(*this, [](const Impl& i) { return i.empty(); });
+}
+
+ByteArray PKCS12Certificate::getAsBytes() const {
+    if (empty()) return {};
+    return FacadeAccess::locked(*this, [](const Impl& i) { return i.getAsBytes(); });
+}
+
+void PKCS12Certificate::print(std::ostream& os) const {
+    FacadeAccess::locked(*this, [&os](const Impl& i) { i.print(os); });
+}
+
+bool PKCS12Certificate::operator==(const PKCS12Certificate& other) const {
+    // Only this object's lock: taking the other's too could deadlock two threads comparing a and
+    // b in opposite orders, or one comparing an object with itself.
+    const std::lock_guard<std::mutex> lock(mutex);
+    other.throwIfImplEmpty();
+    throwIfImplEmpty();
+    return *impl == *other.impl;
+}
+
+bool PKCS12Certificate::operator!=(const PKCS12Certificate& other) const {
+    return !(*this == other);
+}
+
+std::ostream& operator<<(std::ostream& os, const PKCS12Certificate& container) {
+    container.print(os);
+    return os;
+}
+
+}  // namespace foundation::certificates
