@@ -3,6 +3,7 @@
 #include "support/Expectations.hpp"
 #include "support/TestCRLs.hpp"
 #include "support/TestCertificates.hpp"
+#include "support/TemporaryFileProbe.hpp"
 #include "support/TestHttpServers.hpp"
 
 #include <foundation/certificates/Exceptions.hpp>
@@ -169,7 +170,10 @@ class ServedLists : public CrlDownloadTest {
 
 TEST_F(ServedLists, GoodListIsAddedToTheStore) {
     server.put("lists/leaf.crl", crlDER(pki.intermediateKey.get()));
+    const std::size_t filesBefore = testsupport::temporaryFilesCreated("/tmp/certCRL_");
     EXPECT_TRUE(download(leafWith("URI:" + server.url("lists/leaf.crl")), Mode::ThrowOnError));
+    // The body went through a temporary file of its own, which is gone again (see TearDown).
+    EXPECT_EQ(testsupport::temporaryFilesCreated("/tmp/certCRL_"), filesBefore + 1);
     ASSERT_EQ(crls.size(), 1u);
     EXPECT_EQ(sk_X509_OBJECT_num(X509_STORE_get0_objects(store.get())), 1);
     EXPECT_EQ(server.requestedPaths(), std::vector<std::string>{"/lists/leaf.crl"});

@@ -1,5 +1,7 @@
 #include "support/TestHttpServers.hpp"
 
+#include "support/TemporaryFileProbe.hpp"
+
 #include <arpa/inet.h>
 #include <chrono>
 #include <cstring>
@@ -60,14 +62,7 @@ std::string cannotBindPort80(const std::string& address) {
     return reason;
 }
 
-std::vector<std::string> leftoverCrlFiles() {
-    std::vector<std::string> files;
-    for (const auto& entry : fs::directory_iterator("/tmp")) {
-        const std::string name = entry.path().filename().string();
-        if (name.rfind("certCRL_", 0) == 0) files.push_back(entry.path().string());
-    }
-    return files;
-}
+std::vector<std::string> leftoverCrlFiles() { return leftoverTemporaryFiles("/tmp/certCRL_"); }
 
 StaticHttpServer::StaticHttpServer(std::string address) : address_(std::move(address)) {
     failure_ = cannotBindPort80(address_);

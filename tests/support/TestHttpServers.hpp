@@ -75,7 +75,7 @@ class ScriptedHttpServer {
 // Whether 127.0.0.N:80 can be bound here; the reason when not.
 std::string cannotBindPort80(const std::string& address);
 
-// Files left behind by revocation-list downloads.
+// Files of this process's revocation-list downloads that were left behind.
 std::vector<std::string> leftoverCrlFiles();
 
 }  // namespace testsupport
