@@ -3,6 +3,7 @@
 
 #include "Arguments.hpp"
 
+#include <foundation/certificates/CertificateValidation.hpp>
 #include <foundation/certificates/X509Certificate.hpp>
 
 #include <openssl/evp.h>
@@ -36,10 +37,19 @@ int runShow(const std::vector<std::string>& words, std::ostream& out);
 int runChain(const std::vector<std::string>& words, std::ostream& out);
 int runPKCS7(const std::vector<std::string>& words, std::ostream& out);
 int runPKCS12(const std::vector<std::string>& words, std::ostream& out);
+int runVerify(const std::vector<std::string>& words, std::ostream& out);
 
 // The library's summary of a certificate plus its serial number, dates and key.
 void describeCertificate(const foundation::certificates::X509Certificate& certificate,
                          std::ostream& out);
+
+// Prints a validation's status, error text and revocation details; true when it is Valid.
+bool describeValidation(const foundation::certificates::CertificateValidationResults& results,
+                        std::ostream& out);
+
+// Every certificate block of a PEM bundle that the library loads; counts the refused ones.
+std::vector<foundation::certificates::X509Certificate> loadableCertificates(
+    const std::string& pemText, std::size_t* refused);
 
 // Describes a key in one paragraph: type, curve, size, or why the library refuses it.
 void describeKey(const EVP_PKEY* key, std::ostream& out);

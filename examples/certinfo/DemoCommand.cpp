@@ -2,10 +2,12 @@
 
 #include <foundation/certificates/Encodings.hpp>
 #include <foundation/certificates/OpenSSLHandles.hpp>
+#include <foundation/certificates/PKCS12Certificate.hpp>
+#include <foundation/certificates/SelfSignedCertBuilder.hpp>
+#include <foundation/certificates/SystemCertificateAdder.hpp>
+#include <foundation/certificates/TrustStore.hpp>
+#include <foundation/certificates/X509CertificateChain.hpp>
 
-#include <openssl/x509.h>
-
-#include <cstdlib>
 #include <ostream>
 
 namespace certinfo {
@@ -14,34 +16,31 @@ namespace fc = foundation::certificates;
 
 namespace {
 
+void heading(std::ostream& out, const std::string& title) { out << "== " << title << " ==\n\n"; }
+
 void demoEncodings(std::ostream& out) {
+    heading(out, "Byte encodings");
     const std::string text = "foundation::certificates";
     const fc::ByteArray bytes(text.begin(), text.end());
-    out << "Encodings of \"" << text << "\":\n"
+    const fc::ByteArray decoded = fc::base64Decode(fc::base64Encode(bytes));
+    out << "\"" << text << "\"\n"
         << "  base64: " << fc::base64Encode(bytes) << '\n'
         << "  hex:    " << fc::hexEncode(bytes) << '\n'
-        << "  back:   " <<
-        [&] {
-            const fc::ByteArray decoded = fc::base64Decode(fc::base64Encode(bytes));
-            return std::string(decoded.begin(), decoded.end());
-        }()
-        << "\n\n";
+        << "  back:   " << std::string(decoded.begin(), decoded.end()) << "\n\n";
 }
 
 void demoKeys(std::ostream& out) {
+    heading(out, "Key classification (freshly generated keys)");
     struct Sample {
         const char* label;
         fc::EVP_PKEYUPtr key;
     };
     Sample samples[] = {
-        {"RSA 2048",
-         fc::makeEVP_PKEYUPtr(EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", size_t{2048}))},
         {"EC P-256", fc::makeEVP_PKEYUPtr(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "prime256v1"))},
         {"EC P-384", fc::makeEVP_PKEYUPtr(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "secp384r1"))},
         {"Ed25519", fc::makeEVP_PKEYUPtr(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED25519"))},
         {"Ed448", fc::makeEVP_PKEYUPtr(EVP_PKEY_Q_keygen(nullptr, nullptr, "ED448"))},
     };
-    out << "Key classification (freshly generated keys):\n";
     for (const Sample& sample : samples) {
         out << sample.label << ":\n";
         describeKey(sample.key.get(), out);
@@ -49,30 +48,73 @@ void demoKeys(std::ostream& out) {
     out << '\n';
 }
 
-// The trust bundle OpenSSL uses on this machine.
-std::string systemBundlePath() {
-    if (const char* fromEnvironment = std::getenv(X509_get_default_cert_file_env())) {
-        return fromEnvironment;
-    }
-    return X509_get_default_cert_file();
-}
-
-void demoCertificate(std::ostream& out) {
-    const std::string path = systemBundlePath();
-    std::string bundle;
-    try {
-        bundle = readInput(path);
-    } catch (const std::exception&) {
-        out << "No system trust bundle at " << path << "; skipping the certificate demo.\n\n";
-        return;
-    }
-    out << "The first certificate of the system trust bundle (" << path << "):\n";
-    try {
-        describeCertificate(fc::X509Certificate(bundle), out);
-    } catch (const std::exception& e) {
-        out << "  not loaded: " << e.what() << '\n';
+// The system's trusted roots for TLS and for signing, and one of them validated against them.
+void demoSystemTrust(std::ostream& out) {
+    heading(out, "The system's trusted certificates");
+    for (const auto& [usage, name] : {std::make_pair(fc::TrustStore::Usage::SSL, "TLS"),
+                                      std::make_pair(fc::TrustStore::Usage::Signing, "signing")}) {
+        fc::TrustStore store;
+        store.addSystemCertificates(usage, false);
+        out << store.size() << " roots trusted for " << name << " (from "
+            << fc::getSystemCertificatesFile() << ")\n";
     }
     out << '\n';
+
+    std::string bundle;
+    try {
+        bundle = readInput(fc::getSystemCertificatesFile());
+    } catch (const std::exception&) {
+        out << "No readable trust bundle; skipping the certificate and validation demo.\n\n";
+        return;
+    }
+    std::size_t refused = 0;
+    const std::vector<fc::X509Certificate> roots = loadableCertificates(bundle, &refused);
+    if (roots.empty()) return;
+    out << "The bundle's first certificate:\n";
+    describeCertificate(roots.front(), out);
+    out << "\nValidated against the system's trust store (an empty TrustStore):\n";
+    const fc::CertificateValidationOptions strict(
+        fc::CertificateValidationOptions::AllowSelfSignedCertificate::No,
+        fc::CertificateValidationOptions::AllowExpiredCertificate::No,
+        fc::CertificateValidationOptions::AllowRevokedCertificate::No,
+        fc::CertificateValidationOptions::CheckCRL::None,
+        fc::CertificateValidationOptions::DownloadCRL::No);
+    describeValidation(
+        roots.front().validateCertificate(fc::X509CertificateChain(), strict, fc::TrustStore()),
+        out);
+    out << '\n';
+}
+
+// A localhost certificate made on the spot, trusted explicitly, and its key through PKCS#12.
+void demoSelfSigned(std::ostream& out) {
+    heading(out, "A self-signed certificate for localhost");
+    const auto [certificate, pkcs12] = fc::SelfSignedCertBuilder()
+                                           .withCommonName("localhost")
+                                           .withValidityPeriod(30)
+                                           .withPrivateKeyPassphrase("demo passphrase")
+                                           .buildAndGetKeyBytesInPKCS12();
+    describeCertificate(certificate, out);
+
+    fc::TrustStore trustingIt;
+    trustingIt.addCertificate(certificate);
+    const fc::CertificateValidationOptions strict(
+        fc::CertificateValidationOptions::AllowSelfSignedCertificate::No,
+        fc::CertificateValidationOptions::AllowExpiredCertificate::No,
+        fc::CertificateValidationOptions::AllowRevokedCertificate::No,
+        fc::CertificateValidationOptions::CheckCRL::None,
+        fc::CertificateValidationOptions::DownloadCRL::No);
+    out << "\nValidated against a trust store that holds it:\n";
+    describeValidation(
+        certificate.validateCertificate(fc::X509CertificateChain(), strict, trustingIt), out);
+
+    const fc::PKCS12Certificate opened(pkcs12, "demo passphrase");
+    const auto key = opened.getPrivateKeyInfo();
+    out << "\nIts key packed into PKCS#12 (" << pkcs12.size() << " bytes) and opened again: "
+        << (key && key->getType() == fc::KeyType::RSA
+                ? "an RSA private key, exponent of " +
+                      std::to_string(key->getRSAPrivateExponent().size()) + " bytes"
+                : std::string("no key"))
+        << "\n\n";
 }
 
 }  // namespace
@@ -82,7 +124,8 @@ int runDemo(const std::vector<std::string>& words, std::ostream& out) {
     out << "certinfo: a tour of foundation::certificates\n\n";
     demoEncodings(out);
     demoKeys(out);
-    demoCertificate(out);
+    demoSystemTrust(out);
+    demoSelfSigned(out);
     out << "Run 'certinfo --help' for the commands.\n";
     return kExitOk;
 }

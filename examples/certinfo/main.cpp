@@ -19,6 +19,13 @@ const std::vector<certinfo::Command>& commands() {
          certinfo::runDecode},
         {"show", "show FILE", "print a certificate (PEM or DER) with its key and dates",
          certinfo::runShow},
+        {"verify",
+         "verify CERT [--chain FILE] [--trust FILE] [--allow-self-signed] [--allow-expired]\n"
+         "           [--allow-revoked] [--crl none|leaf|chain] [--download no|ignore-errors|throw]",
+         "validate a certificate against a chain and trusted certificates (default: the\n"
+         "      system's), optionally checking revocation lists fetched over HTTP; exit 0 when\n"
+         "      valid, 1 when not",
+         certinfo::runVerify},
         {"chain", "chain FILE [--pem]",
          "print every certificate of a PEM chain file (or write the chain back as PEM)",
          certinfo::runChain},

@@ -1,0 +1,134 @@
+#include "Commands.hpp"
+
+#include <foundation/certificates/CertificateValidation.hpp>
+#include <foundation/certificates/Exceptions.hpp>
+#include <foundation/certificates/TrustStore.hpp>
+#include <foundation/certificates/X509CertificateChain.hpp>
+
+#include <ostream>
+
+namespace certinfo {
+
+namespace fc = foundation::certificates;
+using Options = fc::CertificateValidationOptions;
+
+namespace {
+
+const char* statusName(fc::CertificateChainStatus status) {
+    switch (status) {
+        case fc::CertificateChainStatus::Valid:
+            return "Valid";
+        case fc::CertificateChainStatus::InvalidChain:
+            return "InvalidChain";
+        case fc::CertificateChainStatus::SelfSigned:
+            return "SelfSigned";
+        case fc::CertificateChainStatus::CRLError:
+            return "CRLError";
+        case fc::CertificateChainStatus::Revoked:
+            return "Revoked";
+        case fc::CertificateChainStatus::Expired:
+            return "Expired";
+        case fc::CertificateChainStatus::InvalidSignature:
+            return "InvalidSignature";
+        case fc::CertificateChainStatus::ValidationFailed:
+            return "ValidationFailed";
+    }
+    return "?";
+}
+
+Options::CheckCRL checkFrom(const std::string& text) {
+    if (text == "none") return Options::CheckCRL::None;
+    if (text == "leaf") return Options::CheckCRL::LeafOnly;
+    if (text == "chain") return Options::CheckCRL::FullChain;
+    throw UsageError("--crl takes none, leaf or chain");
+}
+
+Options::DownloadCRL downloadFrom(const std::string& text) {
+    if (text == "no") return Options::DownloadCRL::No;
+    if (text == "ignore-errors") return Options::DownloadCRL::IgnoreErrors;
+    if (text == "throw") return Options::DownloadCRL::ThrowOnError;
+    throw UsageError("--download takes no, ignore-errors or throw");
+}
+
+}  // namespace
+
+std::vector<fc::X509Certificate> loadableCertificates(const std::string& pemText,
+                                                      std::size_t* refused) {
+    static const std::string begin = "-----BEGIN CERTIFICATE-----";
+    static const std::string end = "-----END CERTIFICATE-----";
+    std::vector<fc::X509Certificate> certificates;
+    std::size_t position = 0;
+    while ((position = pemText.find(begin, position)) != std::string::npos) {
+        const std::size_t stop = pemText.find(end, position);
+        if (stop == std::string::npos) break;
+        try {
+            certificates.emplace_back(pemText.substr(position, stop + end.size() - position));
+        } catch (const fc::CertificateException&) {
+            if (refused != nullptr) ++*refused;
+        }
+        position = stop + end.size();
+    }
+    return certificates;
+}
+
+bool describeValidation(const fc::CertificateValidationResults& results, std::ostream& out) {
+    const fc::CertificateChainStatus status = results.getCertificateChainStatus();
+    out << "Chain status: " << statusName(status) << " (" << static_cast<std::uint32_t>(status)
+        << ")\n";
+    if (!results.getValidationErrorString().empty()) {
+        out << "Error text:\n" << results.getValidationErrorString();
+    }
+    const fc::CertificateRevocationResults revocation = results.getCertificateRevocationResults();
+    if (revocation.getRevocationStatus() ==
+        fc::CertificateRevocationResults::RevocationStatus::Revoked) {
+        out << "Revoked on " << revocation.getRevocationDateString() << ", serial number "
+            << revocation.getRevokedSerialNumberString() << '\n';
+    } else {
+        out << "Revocation: not revoked (or not checked)\n";
+    }
+    return status == fc::CertificateChainStatus::Valid;
+}
+
+int runVerify(const std::vector<std::string>& words, std::ostream& out) {
+    const Arguments args(words, {"chain", "trust", "crl", "download"},
+                         {"allow-self-signed", "allow-expired", "allow-revoked"});
+    args.expectPositionalCount(1, 1);
+    const std::string data = readInput(args.positional(0, "certificate file"));
+    const fc::X509Certificate certificate(fc::ByteArray(data.begin(), data.end()));
+
+    fc::X509CertificateChain chain;
+    if (const auto path = args.value("chain")) chain = fc::X509CertificateChain(readInput(*path));
+
+    // An empty store stands for the system's trusted certificates.
+    fc::TrustStore trustStore;
+    if (const auto path = args.value("trust")) {
+        std::size_t refused = 0;
+        for (const fc::X509Certificate& trusted :
+             loadableCertificates(readInput(*path), &refused)) {
+            trustStore.addCertificate(trusted);
+        }
+        out << "Trusting " << trustStore.size() << " certificates from " << *path;
+        if (refused != 0)
+            out << " (" << refused << " with keys the library does not support left out)";
+        out << '\n';
+    } else {
+        out << "Trusting the system's certificates\n";
+    }
+
+    const Options options(
+        args.flag("allow-self-signed") ? Options::AllowSelfSignedCertificate::Yes
+                                       : Options::AllowSelfSignedCertificate::No,
+        args.flag("allow-expired") ? Options::AllowExpiredCertificate::Yes
+                                   : Options::AllowExpiredCertificate::No,
+        args.flag("allow-revoked") ? Options::AllowRevokedCertificate::Yes
+                                   : Options::AllowRevokedCertificate::No,
+        checkFrom(args.value("crl").value_or("none")),
+        downloadFrom(args.value("download").value_or(args.value("crl") ? "ignore-errors" : "no")));
+
+    out << "Certificate: " << certificate.getSubjectName() << '\n';
+    const bool valid =
+        describeValidation(certificate.validateCertificate(chain, options, trustStore), out);
+    return valid ? kExitOk : kExitNegative;
+}
+
+}  // namespace certinfo
