@@ -5,6 +5,7 @@
 #include "support/Expectations.hpp"
 
 #include <foundation/certificates/Exceptions.hpp>
+#include <foundation/certificates/PKCS12Certificate.hpp>
 #include <foundation/certificates/SelfSignedCertBuilder.hpp>
 
 #include <gtest/gtest.h>
@@ -355,6 +356,24 @@ TEST_F(SelfSignedCertBuilderBuilt, PKCS12HoldsOnlyTheKeyUnderTheCommonName) {
     EXPECT_EQ(X509_check_private_key(pkcs12Build->raw.get(), opened.key.get()), 1);
     EXPECT_EQ(opened.certificates, 0);
     EXPECT_EQ(opened.keyFriendlyNames, std::vector<std::string>{"devbox"});
+}
+
+TEST_F(SelfSignedCertBuilderBuilt, PKCS12OpensWithTheLibrary) {
+    EXPECT_THROW(fc::PKCS12Certificate(pkcs12Build->pkcs12, "wrong"), fc::IncorrectPassphrase);
+    const fc::PKCS12Certificate opened(pkcs12Build->pkcs12, "s3cret");
+    EXPECT_TRUE(opened.getCertificate().empty());
+    EXPECT_TRUE(opened.getCAChain().empty());
+    const auto key = opened.getPrivateKeyInfo();
+    ASSERT_TRUE(key.has_value());
+    EXPECT_EQ(key->getType(), fc::KeyType::RSA);
+    // The same secret that OpenSSL reads from the container.
+    const OpenedPKCS12 raw = openPKCS12(pkcs12Build->pkcs12, "s3cret");
+    ASSERT_TRUE(raw.key);
+    BIGNUM* d = nullptr;
+    ASSERT_EQ(EVP_PKEY_get_bn_param(raw.key.get(), "d", &d), 1);
+    const fc::BNUPtr owner = fc::makeBNUPtr(d);
+    EXPECT_EQ(key->getRSAPrivateExponent(), fc::bnToByteArray(d));
+    EXPECT_EQ(opened.getPrivateExponent(), key->getRSAPrivateExponent());
 }
 
 TEST_F(SelfSignedCertBuilderBuilt, ResetBuildsLikeADefaultBuilder) {
