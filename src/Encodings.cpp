@@ -1,4 +1,5 @@
 #include <foundation/certificates/Encodings.hpp>
+
 #include <foundation/certificates/Exceptions.hpp>
 
 #include <boost/archive/iterators/base64_from_binary.hpp>

@@ -1,5 +1,6 @@
-#include <foundation/certificates/Exceptions.hpp>
 #include <foundation/certificates/KeyConversions.hpp>
+
+#include <foundation/certificates/Exceptions.hpp>
 
 #include <openssl/core_names.h>
 

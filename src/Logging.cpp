@@ -1,6 +1,6 @@
-#include "ExceptionLog.hpp"
-
 #include <foundation/certificates/Logging.hpp>
+
+#include "ExceptionLog.hpp"
 
 #include <boost/exception/diagnostic_information.hpp>
 

@@ -1,5 +1,6 @@
-#include <foundation/certificates/Exceptions.hpp>
 #include <foundation/certificates/OpenSSLHandles.hpp>
+
+#include <foundation/certificates/Exceptions.hpp>
 
 #include <string>
 

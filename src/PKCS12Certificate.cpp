@@ -1,8 +1,9 @@
+#include <foundation/certificates/PKCS12Certificate.hpp>
+
 #include "FacadeAccess.hpp"
 #include "PKCS12CertificateImpl.hpp"
 
 #include <foundation/certificates/Exceptions.hpp>
-#include <foundation/certificates/PKCS12Certificate.hpp>
 
 #include <ostream>
 

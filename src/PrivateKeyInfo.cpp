@@ -1,5 +1,6 @@
-#include <foundation/certificates/Exceptions.hpp>
 #include <foundation/certificates/PrivateKeyInfo.hpp>
+
+#include <foundation/certificates/Exceptions.hpp>
 
 #include <openssl/crypto.h>
 

@@ -1,5 +1,6 @@
-#include <foundation/certificates/Exceptions.hpp>
 #include <foundation/certificates/PublicKeyInfo.hpp>
+
+#include <foundation/certificates/Exceptions.hpp>
 
 namespace foundation::certificates {
 

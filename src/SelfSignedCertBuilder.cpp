@@ -1,9 +1,10 @@
+#include <foundation/certificates/SelfSignedCertBuilder.hpp>
+
 #include "OpenSSLErrors.hpp"
 #include "OpenSSLPtr.hpp"
 
 #include <foundation/certificates/Exceptions.hpp>
 #include <foundation/certificates/OpenSSLHandles.hpp>
-#include <foundation/certificates/SelfSignedCertBuilder.hpp>
 
 #include <openssl/bn.h>
 #include <openssl/err.h>

@@ -1,10 +1,11 @@
+#include <foundation/certificates/TrustStore.hpp>
+
 #include "FacadeAccess.hpp"
 #include "OpenSSLErrors.hpp"
 #include "OpenSSLPtr.hpp"
 #include "X509CertificateImpl.hpp"
 
 #include <foundation/certificates/Exceptions.hpp>
-#include <foundation/certificates/TrustStore.hpp>
 #include <foundation/certificates/TrustStoreImpl.hpp>
 #include <foundation/certificates/X509Certificate.hpp>
 

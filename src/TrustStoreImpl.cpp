@@ -1,3 +1,5 @@
+#include <foundation/certificates/TrustStoreImpl.hpp>
+
 #include "OpenSSLErrors.hpp"
 #include "OpenSSLPtr.hpp"
 
@@ -5,7 +7,6 @@
 #include <foundation/certificates/Exceptions.hpp>
 #include <foundation/certificates/OpenSSLHandles.hpp>
 #include <foundation/certificates/SystemCertificateAdder.hpp>
-#include <foundation/certificates/TrustStoreImpl.hpp>
 
 #include <openssl/err.h>
 #include <openssl/pem.h>

@@ -1,9 +1,10 @@
+#include <foundation/certificates/X509Certificate.hpp>
+
 #include "FacadeAccess.hpp"
 #include "X509CertificateImpl.hpp"
 
 #include <foundation/certificates/CertificateValidation.hpp>
 #include <foundation/certificates/Exceptions.hpp>
-#include <foundation/certificates/X509Certificate.hpp>
 
 #include <ostream>
 

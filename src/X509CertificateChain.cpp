@@ -1,8 +1,9 @@
+#include <foundation/certificates/X509CertificateChain.hpp>
+
 #include "FacadeAccess.hpp"
 #include "X509CertificateChainImpl.hpp"
 
 #include <foundation/certificates/Exceptions.hpp>
-#include <foundation/certificates/X509CertificateChain.hpp>
 
 #include <ostream>
 

@@ -1,8 +1,9 @@
+#include <foundation/certificates/SystemCertificateAdder.hpp>
+
 #include "ExceptionLog.hpp"
 #include "osx/SecurityPlatform.hpp"
 
 #include <foundation/certificates/Exceptions.hpp>
-#include <foundation/certificates/SystemCertificateAdder.hpp>
 #include <foundation/certificates/TrustStoreImpl.hpp>
 
 #include <algorithm>
