@@ -282,7 +282,13 @@ void registerPair(const Row& row, Body raw, Body library, PairOptions options) {
                 state.counters["target"] = row.target;
             });
         benchmark->Unit(benchmark::kMicrosecond);
-        if (options.iterations > 0) benchmark->Iterations(options.iterations);
+        // A profile divides by an exact count: one run of a fixed length, no estimation runs.
+        const char* fixed = std::getenv("BENCH_ITERATIONS");
+        if (fixed != nullptr && std::atoll(fixed) > 0) {
+            benchmark->Iterations(std::atoll(fixed));
+        } else if (options.iterations > 0) {
+            benchmark->Iterations(options.iterations);
+        }
     };
     add("raw", std::move(raw));
     add("lib", std::move(library));

@@ -10,7 +10,8 @@
 #                                         benchmarks, e.g. 'validateCertificate_store_rsa/lib'
 #
 # BENCH_REPETITIONS (default 9) and BENCH_MIN_TIME (seconds per repetition, default 0.05) trade
-# time for precision. Results stay in build/bench/results/.
+# time for precision. Results stay in build/bench/results/. A profile runs BENCH_ITERATIONS
+# (default 10) iterations and lists CALLGRIND_LINES (default 30) functions.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -88,19 +89,23 @@ lsan)
 
 callgrind)
     if [[ -z "$filter" ]]; then
-        echo "--callgrind needs a FILTER, e.g. 'getAsPEMString/lib'" >&2
+        echo "--callgrind needs a FILTER, e.g. 'getAsPEMString' (both sides) or 'getAsPEMString/lib'" >&2
         exit 2
     fi
     build bench
-    out="build/bench/callgrind.$(echo "$filter" | tr -c 'A-Za-z0-9_\n' '_').out"
-    # Collection is switched on only inside the timed loops (see loop() in bench/BenchSupport.hpp).
-    valgrind --tool=callgrind --collect-atstart=no --callgrind-out-file="$out" \
-        ./build/bench/bench/foundation_bench --benchmark_filter="$filter" \
-        --benchmark_min_time=0.01 --benchmark_repetitions=1 >/dev/null 2>"$out.log" || {
-        cat "$out.log" >&2
-        exit 1
-    }
-    callgrind_annotate --inclusive=yes "$out" | head -n "${CALLGRIND_LINES:-45}"
-    echo "(full profile: callgrind_annotate --inclusive=yes $out)"
+    # One profile per matching benchmark. Collection is on only inside the timed loops (see loop()
+    # in bench/BenchSupport.hpp), so set-up and the benchmark framework stay out of it.
+    for name in $(./build/bench/bench/foundation_bench --benchmark_list_tests=true \
+                      --benchmark_filter="$filter" | sed 's,/iterations:[0-9]*$,,'); do
+        out="build/bench/callgrind.$(echo "$name" | tr -c 'A-Za-z0-9_\n' '_').out"
+        BENCH_ITERATIONS="${BENCH_ITERATIONS:-10}" valgrind --tool=callgrind --collect-atstart=no \
+            --callgrind-out-file="$out" ./build/bench/bench/foundation_bench \
+            --benchmark_filter="^${name}(/iterations:[0-9]+)?\$" --benchmark_repetitions=1 \
+            --benchmark_format=json >"$out.json" 2>"$out.log" || {
+            cat "$out.log" >&2
+            exit 1
+        }
+        python3 scripts/bench_profile.py "$out" "$out.json" "${CALLGRIND_LINES:-30}"
+    done
     ;;
 esac
