@@ -81,6 +81,7 @@ lsan)
         exit 1
     fi
     echo "foundation_bench: no leaks"
+    grep "ERROR OCCURRED" build/bench-asan/lsan.txt >&2 || true
     if memory_selected; then
         ./build/bench-asan/bench/foundation_bench_memory >/dev/null
         echo "foundation_bench_memory: no leaks"
