@@ -1,0 +1,147 @@
+// What every benchmark program shares: OpenSSL owners, the inputs made at start-up (the machine's
+// trust bundle, two test PKIs, PKCS#12 and PKCS#7 containers), and the registration of a row as a
+// pair of benchmarks, raw OpenSSL and library, over the same inputs.
+#pragma once
+
+#include <foundation/certificates/Types.hpp>
+
+#include <benchmark/benchmark.h>
+#include <openssl/evp.h>
+#include <openssl/pkcs12.h>
+#include <openssl/pkcs7.h>
+#include <openssl/x509.h>
+#include <openssl/x509_vfy.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#if defined(__has_include)
+#if __has_include(<valgrind/callgrind.h>)
+#include <valgrind/callgrind.h>
+#define FOUNDATION_BENCH_CALLGRIND 1
+#endif
+#endif
+
+namespace bench {
+
+using foundation::certificates::ByteArray;
+
+// One pointer wide owners, so the raw side pays nothing a C programmer would not.
+template <typename T>
+struct Free;
+#define BENCH_FREE(Type, function)                      \
+    template <>                                         \
+    struct Free<Type> {                                 \
+        void operator()(Type* p) const { function(p); } \
+    };
+BENCH_FREE(BIO, BIO_free)
+BENCH_FREE(EVP_PKEY, EVP_PKEY_free)
+BENCH_FREE(PKCS12, PKCS12_free)
+BENCH_FREE(PKCS7, PKCS7_free)
+BENCH_FREE(X509, X509_free)
+BENCH_FREE(X509_STORE, X509_STORE_free)
+BENCH_FREE(X509_STORE_CTX, X509_STORE_CTX_free)
+#undef BENCH_FREE
+
+template <typename T>
+using Owned = std::unique_ptr<T, Free<T>>;
+
+struct X509StackFree {
+    void operator()(STACK_OF(X509) * stack) const { sk_X509_pop_free(stack, X509_free); }
+};
+using X509Stack = std::unique_ptr<STACK_OF(X509), X509StackFree>;
+
+// A new stack holding its own reference to each certificate.
+X509Stack makeStack(const std::vector<X509*>& certificates);
+
+std::string toPEM(const X509* certificate);
+ByteArray toDER(const X509* certificate);
+
+// A root, an intermediate and a leaf, each with its key. The leaf can sign TLS, code and mail.
+struct PKI {
+    std::string name;  // "RSA-2048" or "P-256"
+    Owned<EVP_PKEY> rootKey, intermediateKey, leafKey;
+    Owned<X509> root, intermediate, leaf;
+};
+
+// The machine's trust bundle (SSL_CERT_FILE, else OpenSSL's default file).
+struct Bundle {
+    std::string path;
+    std::string text;              // the file as read
+    std::vector<Owned<X509>> all;  // every certificate in it
+    std::vector<X509*> accepted;   // borrowed from `all`: keys the library takes
+    std::string acceptedText;      // the accepted ones as PEM, one after the other
+    std::vector<std::string> acceptedPEM;
+    std::vector<ByteArray> acceptedDER;
+};
+
+// RSA of at least 1024 bits, P-256 and Ed25519: what X509Certificate loads.
+bool libraryAcceptsKey(const X509* certificate);
+
+Bundle readBundle(const std::string& path);
+std::string defaultBundlePath();
+
+// DER PKCS#12 of the PKI's leaf, its key and the CA certificates. Legacy: 3DES key bag, 40-bit
+// RC2 certificate bag, SHA-1 MAC (needs the legacy provider loaded).
+ByteArray makePKCS12(const PKI& pki, const std::string& passphrase, bool legacy);
+
+// DER PKCS#7 signed-data with the content attached, signed by the PKI's leaf, carrying the
+// leaf and the intermediate.
+ByteArray makeSignedPKCS7(const PKI& pki, std::size_t contentSize);
+
+// Everything the benchmarks read, made once in main before any benchmark runs.
+struct Inputs {
+    PKI rsa;
+    PKI ec;
+    Bundle bundle;
+    // The test root followed by the whole real bundle; SSL_CERT_FILE points at it, so the
+    // platform's roots include the test root.
+    std::string combinedBundlePath;
+};
+
+// Set up by main; valid while benchmarks run.
+const Inputs& inputs();
+void createInputs(const std::string& workDirectory);
+void destroyInputs();
+
+// One table row: a raw OpenSSL benchmark and a library benchmark of the same work, named
+// "<id>/raw" and "<id>/lib". The label and the target ratio travel in the JSON output.
+struct Row {
+    std::string id;
+    std::string label;
+    double target;
+};
+
+using Body = std::function<void(benchmark::State&)>;
+
+struct PairOptions {
+    // Fixed iterations per repetition (0: let the library decide).
+    benchmark::IterationCount iterations = 0;
+};
+
+void registerPair(const Row& row, Body raw, Body library, PairOptions options = {});
+
+// Runs the timed loop. Under callgrind, collection is on only while the loop runs, so a profile
+// shows the operation and nothing of the set-up.
+template <typename Operation>
+void loop(benchmark::State& state, Operation&& operation) {
+#ifdef FOUNDATION_BENCH_CALLGRIND
+    CALLGRIND_TOGGLE_COLLECT;
+#endif
+    for (auto _ : state) operation();
+#ifdef FOUNDATION_BENCH_CALLGRIND
+    CALLGRIND_TOGGLE_COLLECT;
+#endif
+}
+
+// Marks the run as failed when the two sides would not do the same work.
+bool require(benchmark::State& state, bool condition, const std::string& message);
+
+void registerCertificateBenchmarks();
+void registerStoreBenchmarks();
+void registerContainerBenchmarks();
+
+}  // namespace bench

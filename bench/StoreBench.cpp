@@ -1,0 +1,271 @@
+// Chains, trust stores, certificate validation and PKCS#7 signature verification, each beside
+// the OpenSSL calls that do the same work.
+#include "BenchSupport.hpp"
+
+#include <foundation/certificates/CertificateValidation.hpp>
+#include <foundation/certificates/PKCS7Certificate.hpp>
+#include <foundation/certificates/TrustStore.hpp>
+#include <foundation/certificates/X509Certificate.hpp>
+#include <foundation/certificates/X509CertificateChain.hpp>
+
+#include <openssl/err.h>
+#include <openssl/pem.h>
+
+#include <memory>
+#include <type_traits>
+#include <utility>
+
+namespace bench {
+
+namespace {
+
+namespace fc = foundation::certificates;
+
+constexpr unsigned long kVerifyFlags =
+    0xC060;  // strict, proxy certs, self-signed sig, trusted first
+
+const fc::CertificateValidationOptions& strictOptions() {
+    using Options = fc::CertificateValidationOptions;
+    static const Options options(
+        Options::AllowSelfSignedCertificate::No, Options::AllowExpiredCertificate::No,
+        Options::AllowRevokedCertificate::No, Options::CheckCRL::None, Options::DownloadCRL::No);
+    return options;
+}
+
+std::vector<fc::X509Certificate> acceptedCertificates() {
+    std::vector<fc::X509Certificate> certificates;
+    for (const std::string& pem : inputs().bundle.acceptedPEM) certificates.emplace_back(pem);
+    return certificates;
+}
+
+// The test root and the accepted bundle roots, once as a raw store and once as a TrustStore.
+Owned<X509_STORE> rawStoreWith(const PKI& pki, unsigned long flags) {
+    Owned<X509_STORE> store(X509_STORE_new());
+    X509_STORE_add_cert(store.get(), pki.root.get());
+    for (X509* root : inputs().bundle.accepted) X509_STORE_add_cert(store.get(), root);
+    if (flags != 0) X509_STORE_set_flags(store.get(), flags);
+    return store;
+}
+
+fc::TrustStore trustStoreWith(const PKI& pki) {
+    fc::TrustStore store;
+    store.addCertificate(fc::X509Certificate(toPEM(pki.root.get())));
+    for (const fc::X509Certificate& root : acceptedCertificates()) store.addCertificate(root);
+    return store;
+}
+
+int rawVerify(X509_STORE* store, X509* leaf, STACK_OF(X509) * untrusted) {
+    Owned<X509_STORE_CTX> context(X509_STORE_CTX_new());
+    X509_STORE_CTX_init(context.get(), store, leaf, untrusted);
+    const int verified = X509_verify_cert(context.get());
+    return verified > 0 ? X509_V_OK : X509_STORE_CTX_get_error(context.get());
+}
+
+void registerChainAndStore() {
+    const Bundle& bundle = inputs().bundle;
+    const std::string note = std::to_string(bundle.accepted.size()) + " of " +
+                             std::to_string(bundle.all.size()) + " bundle certs";
+
+    registerPair(
+        {"X509CertificateChain_bundle",
+         "X509CertificateChain from bundle text (vs PEM_X509_INFO_read_bio; " + note + ")", 1.2},
+        [&bundle](benchmark::State& state) {
+            const std::string& text = bundle.acceptedText;
+            loop(state, [&text] {
+                Owned<BIO> bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+                STACK_OF(X509_INFO)* records =
+                    PEM_X509_INFO_read_bio(bio.get(), nullptr, nullptr, nullptr);
+                benchmark::DoNotOptimize(records);
+                sk_X509_INFO_pop_free(records, X509_INFO_free);
+            });
+        },
+        [&bundle](benchmark::State& state) {
+            const std::string& text = bundle.acceptedText;
+            if (!require(
+                    state,
+                    fc::X509CertificateChain(text).getNumCertificates() == bundle.accepted.size(),
+                    "the chain does not hold every certificate")) {
+                return;
+            }
+            loop(state, [&text] {
+                fc::X509CertificateChain chain(text);
+                benchmark::DoNotOptimize(chain);
+            });
+        });
+
+    registerPair(
+        {"TrustStore_addCertificate_bundle",
+         "TrustStore filled by addCertificate (vs X509_STORE_add_cert; " + note + ")", 1.5},
+        [&bundle](benchmark::State& state) {
+            loop(state, [&bundle] {
+                Owned<X509_STORE> store(X509_STORE_new());
+                for (X509* root : bundle.accepted) X509_STORE_add_cert(store.get(), root);
+                benchmark::DoNotOptimize(store.get());
+            });
+        },
+        [&bundle](benchmark::State& state) {
+            const std::vector<fc::X509Certificate> roots = acceptedCertificates();
+            {
+                fc::TrustStore store;
+                for (const fc::X509Certificate& root : roots) store.addCertificate(root);
+                if (!require(state, store.size() == bundle.accepted.size(), "store size differs"))
+                    return;
+            }
+            loop(state, [&roots] {
+                fc::TrustStore store;
+                for (const fc::X509Certificate& root : roots) store.addCertificate(root);
+                benchmark::DoNotOptimize(store);
+            });
+        });
+}
+
+void registerValidation() {
+    for (const PKI* pki : {&inputs().rsa, &inputs().ec}) {
+        const std::string key = pki == &inputs().rsa ? "rsa" : "p256";
+        const std::string storeSize = std::to_string(inputs().bundle.accepted.size() + 1);
+
+        registerPair(
+            {"validateCertificate_store_" + key,
+             "validateCertificate, store of test root + bundle (" + pki->name + ", " + storeSize +
+                 " roots)",
+             1.5},
+            [pki](benchmark::State& state) {
+                const Owned<X509_STORE> store = rawStoreWith(*pki, kVerifyFlags);
+                const X509Stack untrusted = makeStack({pki->intermediate.get()});
+                if (!require(state,
+                             rawVerify(store.get(), pki->leaf.get(), untrusted.get()) == X509_V_OK,
+                             "raw verification fails")) {
+                    return;
+                }
+                loop(state, [&store, pki, &untrusted] {
+                    benchmark::DoNotOptimize(
+                        rawVerify(store.get(), pki->leaf.get(), untrusted.get()));
+                });
+            },
+            [pki](benchmark::State& state) {
+                const fc::TrustStore store = trustStoreWith(*pki);
+                const fc::X509Certificate leaf(toPEM(pki->leaf.get()));
+                fc::X509CertificateChain chain;
+                chain.addCertificate(fc::X509Certificate(toPEM(pki->intermediate.get())));
+                const auto first = leaf.validateCertificate(chain, strictOptions(), store);
+                if (!require(state,
+                             first.getCertificateChainStatus() == fc::CertificateChainStatus::Valid,
+                             "library validation fails: " + first.getValidationErrorString())) {
+                    return;
+                }
+                loop(state, [&] {
+                    benchmark::DoNotOptimize(
+                        leaf.validateCertificate(chain, strictOptions(), store));
+                });
+            });
+
+        registerPair(
+            {"validateCertificate_platform_" + key,
+             "validateCertificate, empty store = platform roots, 2nd+ call (" + pki->name + ")",
+             3.0},
+            [pki](benchmark::State& state) {
+                // The same roots the library reads: SSL_CERT_FILE, loaded once.
+                Owned<X509_STORE> store(X509_STORE_new());
+                if (!require(
+                        state,
+                        X509_STORE_load_file(store.get(), inputs().combinedBundlePath.c_str()) == 1,
+                        "cannot load " + inputs().combinedBundlePath)) {
+                    return;
+                }
+                X509_STORE_set_flags(store.get(), kVerifyFlags);
+                const X509Stack untrusted = makeStack({pki->intermediate.get()});
+                if (!require(state,
+                             rawVerify(store.get(), pki->leaf.get(), untrusted.get()) == X509_V_OK,
+                             "raw verification fails")) {
+                    return;
+                }
+                loop(state, [&store, pki, &untrusted] {
+                    benchmark::DoNotOptimize(
+                        rawVerify(store.get(), pki->leaf.get(), untrusted.get()));
+                });
+            },
+            [pki](benchmark::State& state) {
+                const fc::TrustStore empty;
+                const fc::X509Certificate leaf(toPEM(pki->leaf.get()));
+                fc::X509CertificateChain chain;
+                chain.addCertificate(fc::X509Certificate(toPEM(pki->intermediate.get())));
+                // The first call of the process may read the bundle; later calls are measured.
+                const auto first = leaf.validateCertificate(chain, strictOptions(), empty);
+                if (!require(state,
+                             first.getCertificateChainStatus() == fc::CertificateChainStatus::Valid,
+                             "library validation fails: " + first.getValidationErrorString())) {
+                    return;
+                }
+                loop(state, [&] {
+                    benchmark::DoNotOptimize(
+                        leaf.validateCertificate(chain, strictOptions(), empty));
+                });
+            });
+    }
+}
+
+// verifySignature is newer than this suite; the row runs once the header declares it.
+template <typename PKCS7Type, typename = void>
+struct HasVerifySignature : std::false_type {};
+template <typename PKCS7Type>
+struct HasVerifySignature<
+    PKCS7Type, std::void_t<decltype(std::declval<const PKCS7Type&>().verifySignature(
+                   std::declval<const fc::X509CertificateChain&>(),
+                   std::declval<const fc::TrustStore&>(), std::declval<const ByteArray&>()))>>
+    : std::true_type {};
+
+template <typename PKCS7Type>
+void libraryVerifySignature(benchmark::State& state, const ByteArray& der) {
+    if constexpr (HasVerifySignature<PKCS7Type>::value) {
+        const fc::TrustStore store = trustStoreWith(inputs().rsa);
+        const PKCS7Type pkcs7(der);
+        const fc::X509CertificateChain noChain;
+        const ByteArray attached;
+        const auto first = pkcs7.verifySignature(noChain, store, attached);
+        if (!require(state, first.isValidSignature(),
+                     "library verification fails: " + first.getValidationErrorString())) {
+            return;
+        }
+        loop(state,
+             [&] { benchmark::DoNotOptimize(pkcs7.verifySignature(noChain, store, attached)); });
+    } else {
+        static_cast<void>(der);
+        state.SkipWithError("PKCS7Certificate::verifySignature is not declared in this build");
+    }
+}
+
+void registerSignatureVerification() {
+    const PKI& pki = inputs().rsa;
+    const ByteArray der = makeSignedPKCS7(pki, 1024);
+    const std::string storeSize = std::to_string(inputs().bundle.accepted.size() + 1);
+    registerPair(
+        {"PKCS7_verifySignature",
+         "PKCS7Certificate::verifySignature, 1 KiB attached (" + pki.name + ", " + storeSize +
+             " roots)",
+         1.5},
+        [der, &pki](benchmark::State& state) {
+            // No store flags: the library verifies with a copy of the store's certificates only.
+            const Owned<X509_STORE> store = rawStoreWith(pki, 0);
+            const unsigned char* cursor = der.data();
+            const Owned<PKCS7> pkcs7(d2i_PKCS7(nullptr, &cursor, static_cast<long>(der.size())));
+            const auto verify = [&store, &pkcs7] {
+                return PKCS7_verify(pkcs7.get(), nullptr, store.get(), nullptr, nullptr,
+                                    PKCS7_NO_DUAL_CONTENT);
+            };
+            if (!require(state, pkcs7 && verify() == 1, "raw verification fails")) return;
+            loop(state, [&verify] { benchmark::DoNotOptimize(verify()); });
+        },
+        [der](benchmark::State& state) {
+            libraryVerifySignature<fc::PKCS7Certificate>(state, der);
+        });
+}
+
+}  // namespace
+
+void registerStoreBenchmarks() {
+    registerChainAndStore();
+    registerValidation();
+    registerSignatureVerification();
+}
+
+}  // namespace bench
