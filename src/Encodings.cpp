@@ -2,7 +2,8 @@
 
 #include <foundation/certificates/Exceptions.hpp>
 
-#include <boost/archive/iterators/base64_from_binary.hpp>
+#include <openssl/evp.h>
+
 #include <boost/archive/iterators/binary_from_base64.hpp>
 #include <boost/archive/iterators/transform_width.hpp>
 
@@ -16,8 +17,6 @@ namespace {
 
 namespace iterators = boost::archive::iterators;
 
-using Base64Encoder =
-    iterators::base64_from_binary<iterators::transform_width<const unsigned char*, 6, 8>>;
 using Base64Decoder = iterators::transform_width<iterators::binary_from_base64<const char*>, 8, 6>;
 
 int hexValue(char c) {
@@ -30,23 +29,18 @@ int hexValue(char c) {
 }  // namespace
 
 std::string base64Encode(const ByteArray& bytes) {
-    if (bytes.empty()) return {};
-    const std::size_t size = bytes.size();
-    const std::size_t wholeGroups = size / 3;
-    std::string text;
-    text.reserve((size + 2) / 3 * 4);
-    // The encoder reads one byte beyond its input to fill a final partial group, so whole
-    // three-byte groups are encoded in place and the tail from a zero-padded copy.
-    Base64Encoder it(bytes.data());
-    for (std::size_t i = 0; i < wholeGroups * 4; ++i, ++it) text.push_back(*it);
-    const std::size_t tail = size % 3;
-    if (tail != 0) {
-        unsigned char padded[3] = {0, 0, 0};
-        std::copy(bytes.end() - static_cast<std::ptrdiff_t>(tail), bytes.end(), padded);
-        Base64Encoder tailIt(padded);
-        for (std::size_t i = 0; i < tail + 1; ++i, ++tailIt) text.push_back(*tailIt);
-        text.append(3 - tail, '=');
+    // OpenSSL's block encoder writes the same standard alphabet and padding, several times
+    // faster than the dataflow iterators; decoding keeps the iterators for their error rule.
+    constexpr std::size_t kChunk = 3 * 1024 * 1024;  // whole groups, well within int
+    std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');
+    std::size_t written = 0;
+    for (std::size_t offset = 0; offset < bytes.size(); offset += kChunk) {
+        const std::size_t length = std::min(kChunk, bytes.size() - offset);
+        written += static_cast<std::size_t>(
+            EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&text[written]), bytes.data() + offset,
+                            static_cast<int>(length)));
     }
+    text.resize(written);
     return text;
 }
 

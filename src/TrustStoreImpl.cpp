@@ -2,6 +2,7 @@
 
 #include "OpenSSLErrors.hpp"
 #include "OpenSSLPtr.hpp"
+#include "StoreSnapshot.hpp"
 
 #include <foundation/certificates/Encodings.hpp>
 #include <foundation/certificates/Exceptions.hpp>
@@ -21,24 +22,6 @@ namespace foundation::certificates {
 ISystemCertificateAdder::~ISystemCertificateAdder() = default;
 
 namespace {
-
-// Holds the X509_STORE's own lock while the object list is read or edited, so OpenSSL code
-// sharing the store (a TLS context, a verification) never sees it half-edited. The lock is not
-// recursive: nothing that adds to the same store may run under it.
-class StoreListLock {
-  public:
-    explicit StoreListLock(X509_STORE* store) noexcept
-        : store(store), locked(X509_STORE_lock(store) == 1) {}
-    ~StoreListLock() {
-        if (locked) X509_STORE_unlock(store);
-    }
-    StoreListLock(const StoreListLock&) = delete;
-    StoreListLock& operator=(const StoreListLock&) = delete;
-
-  private:
-    X509_STORE* store;
-    bool locked;
-};
 
 // The certificate of one object of the list; call with the store's list lock held.
 X509* certificateAt(const STACK_OF(X509_OBJECT) * objects, int index) {
@@ -131,7 +114,7 @@ void TrustStoreImpl::addSystemCertificates(TrustStore::Usage usage, bool throwOn
 
 void TrustStoreImpl::removeExpiredAndInvalidCertificatesFor(TrustStore::Usage usage) {
     const detail::ScopedErrorQueueMark errorQueue;
-    const StoreListLock lock(store.get());
+    const detail::StoreListLock lock(store.get());
     STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(store.get());
 
     // Collect first, remove afterwards: removing shifts the indices of the walk, and a failure
@@ -153,13 +136,13 @@ void TrustStoreImpl::removeExpiredAndInvalidCertificatesFor(TrustStore::Usage us
 
 X509* TrustStoreImpl::getCertificate(int index) const {
     const detail::ScopedErrorQueueMark errorQueue;
-    const StoreListLock lock(store.get());
+    const detail::StoreListLock lock(store.get());
     return certificateAt(X509_STORE_get0_objects(store.get()), index);
 }
 
 std::vector<std::string> TrustStoreImpl::getPEMStrings() const {
     const detail::ScopedErrorQueueMark errorQueue;
-    const StoreListLock lock(store.get());
+    const detail::StoreListLock lock(store.get());
     const STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(store.get());
     const int count = sk_X509_OBJECT_num(objects);
     std::vector<std::string> pems;
@@ -183,7 +166,7 @@ std::vector<std::string> TrustStoreImpl::getPEMStrings() const {
 }
 
 std::size_t TrustStoreImpl::size() const {
-    const StoreListLock lock(store.get());
+    const detail::StoreListLock lock(store.get());
     const int count = sk_X509_OBJECT_num(X509_STORE_get0_objects(store.get()));
     return count > 0 ? static_cast<std::size_t>(count) : 0;
 }
@@ -192,26 +175,15 @@ bool TrustStoreImpl::empty() const { return size() == 0; }
 
 X509_STORE* TrustStoreImpl::copyOpenSSLStore() const {
     const detail::ScopedErrorQueueMark errorQueue;
-    detail::OpenSSLPtr<X509_STORE> copy = detail::wrap(X509_STORE_new());
-    if (!copy) return nullptr;
+    // Certificates and CRLs in a store are never modified, so the copy shares them by reference
+    // count instead of duplicating each one.
+    return detail::copyStoreObjects(store.get()).release();
+}
 
-    const StoreListLock lock(store.get());
-    const STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(store.get());
-    for (int index = 0; index < sk_X509_OBJECT_num(objects); ++index) {
-        const X509_OBJECT* object = sk_X509_OBJECT_value(objects, index);
-        if (X509_OBJECT_get_type(object) == X509_LU_CRL) {
-            if (X509_STORE_add_crl(copy.get(), X509_OBJECT_get0_X509_CRL(object)) != 1) {
-                throw TrustStoreException("Failed to add CRL to store");
-            }
-            continue;
-        }
-        // Certificates in a store are never modified, so the copy shares them by reference
-        // count instead of duplicating each one.
-        if (X509_STORE_add_cert(copy.get(), certificateAt(objects, index)) != 1) {
-            throw TrustStoreException("Failed to add certificate to store");
-        }
-    }
-    return copy.release();
+std::shared_ptr<X509_STORE> TrustStoreImpl::verificationStore() const {
+    verificationSnapshot = detail::StoreSnapshot::of(store.get(), verificationSnapshot);
+    // The pointer keeps the snapshot, and so its store, alive.
+    return std::shared_ptr<X509_STORE>(verificationSnapshot, verificationSnapshot->store());
 }
 
 std::shared_ptr<X509_STORE> TrustStoreImpl::getOpenSSLStore() const { return store; }

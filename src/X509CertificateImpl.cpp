@@ -383,11 +383,25 @@ PublicKeyInfo X509CertificateImpl::getPublicKeyInfo() const {
 }
 
 void X509CertificateImpl::throwIfInvalidPublicKeyInfo() const {
-    const PublicKeyInfo info = getPublicKeyInfo();
-    if (info.getType() == KeyType::RSA && info.getKeySize() <= 1023) {
-        throw X509CertificateException(
-            "RSA key size does not meet minimum cryptographic requirements");
+    // Decides what building the whole PublicKeyInfo would decide, without exporting the key's
+    // numbers: the kind of key, its size, and for elliptic curves the group's name.
+    throwIfEmpty();
+    const EVP_PKEY* key = X509_get0_pubkey(certificate.get());
+    if (getKeyType(key) == KeyType::RSA) {
+        if (EVP_PKEY_get_bits(key) <= 1023) {
+            throw X509CertificateException(
+                "RSA key size does not meet minimum cryptographic requirements");
+        }
+        return;
     }
+    char group[32] = {};
+    if (EVP_PKEY_get_base_id(key) == EVP_PKEY_EC &&
+        EVP_PKEY_get_utf8_string_param(key, OSSL_PKEY_PARAM_GROUP_NAME, group, sizeof group,
+                                       nullptr) == 1 &&
+        std::string_view(group) == "prime256v1") {
+        return;
+    }
+    getEllipticCurve(key);  // Ed25519, or the exact refusal of any other curve
 }
 
 void X509CertificateImpl::print(std::ostream& os) const {

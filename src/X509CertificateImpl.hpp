@@ -89,11 +89,15 @@ class X509CertificateImpl {
     // facade's lock.
     X509CertificateImpl share() const { return X509CertificateImpl(certificate); }
 
+    // Whether the trust anchor a validation returns is an independent duplicate (for callers)
+    // or shares the verified certificate.
+    enum class AnchorCopy { Duplicate, Shared };
+
     // Validation against the chain and the trust store under the options: the trust anchor
     // (only when verification succeeded) and the results record.
     std::pair<std::optional<X509CertificateImpl>, CertificateValidationResults> validationHelper(
         const X509CertificateChain& chain, const CertificateValidationOptions& options,
-        const TrustStore& trustStore) const;
+        const TrustStore& trustStore, AnchorCopy anchorCopy) const;
     CertificateValidationResults validateCertificate(const X509CertificateChain& chain,
                                                      const CertificateValidationOptions& options,
                                                      const TrustStore& trustStore) const;

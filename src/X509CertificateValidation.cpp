@@ -3,7 +3,10 @@
 #include "Asn1Conversions.hpp"
 #include "FacadeAccess.hpp"
 #include "OpenSSLPtr.hpp"
+#include "PlatformTrust.hpp"
 #include "RevocationChecking.hpp"
+#include "StoreSnapshot.hpp"
+#include "TrustStoreAccess.hpp"
 #include "ValidationAccess.hpp"
 #include "X509CertificateImpl.hpp"
 
@@ -99,15 +102,15 @@ CertificateValidationResults resultsFor(X509_STORE_CTX* context) {
     }
 }
 
-// The trust store a validation works with: a copy of the caller's, or the platform's trusted
-// certificates when the caller's is empty. The caller's store is never changed.
-TrustStore workingTrustStore(const TrustStore& trustStore) {
+// The certificates a validation trusts, read-only: the caller's trust store, or the platform's
+// trusted certificates when it is empty. Shared with other validations and never changed, so
+// the caller's trust store never sees what a validation adds.
+std::shared_ptr<X509_STORE> trustedStore(const TrustStore& trustStore) {
     try {
-        if (!trustStore.empty()) return TrustStore(trustStore);
-        TrustStore platform;
-        platform.addSystemCertificates(TrustStore::Usage::Signing, false);
-        platform.addSystemCertificates(TrustStore::Usage::SSL, false);
-        return platform;
+        std::shared_ptr<X509_STORE> store;
+        if (!trustStore.empty()) store = detail::TrustStoreAccess::verificationStore(trustStore);
+        if (!store) store = detail::platformVerificationStore();
+        return store;
     } catch (const TrustStoreException& e) {
         throw X509CertificateException(std::string("Internal error:") + e.what());
     }
@@ -141,16 +144,13 @@ bool sameCertificate(const X509Certificate& certificate, const X509* x509) {
 
 std::pair<std::optional<X509CertificateImpl>, CertificateValidationResults>
 X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const Options& options,
-                                      const TrustStore& trustStore) const {
+                                      const TrustStore& trustStore, AnchorCopy anchorCopy) const {
     throwIfEmpty();
     const detail::OpenSSLPtr<X509_STORE_CTX> context(X509_STORE_CTX_new());
     if (!context) {
         throw X509CertificateException("Internal Error: error creating X509_STORE_CTX object\n");
     }
-
-    const TrustStore working = workingTrustStore(trustStore);
-    detail::StoreUPtr store = copyOpenSSLStore(working);
-    if (!store) throw X509CertificateException("Internal error:Failed to create X509_STORE");
+    const std::shared_ptr<X509_STORE> trusted = trustedStore(trustStore);
 
     // This certificate first, unless the chain already starts with it.
     std::vector<X509Certificate> workingList = chain.getCertificates();
@@ -159,10 +159,22 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const O
     }
     const X509StackUPtr untrusted = untrustedStack(workingList);
 
+    // Downloaded lists go into a private copy; without downloads the shared store is only read.
+    X509_STORE* store = trusted.get();
+    detail::StoreUPtr withLists(nullptr, X509_STORE_free);
     std::vector<X509CRLUPtr> crls;
-    const bool crlsObtained = detail::downloadCRLs(ValidationAccess::downloadCRL(options),
-                                                   ValidationAccess::checkCRL(options), crls,
-                                                   workingList, store, chain, trustStore);
+    bool crlsObtained = false;
+    if (ValidationAccess::downloadCRL(options) != Options::DownloadCRL::No) {
+        try {
+            withLists.reset(detail::copyStoreObjects(trusted.get()).release());
+        } catch (const TrustStoreException& e) {
+            throw X509CertificateException(std::string("Internal error:") + e.what());
+        }
+        store = withLists.get();
+        crlsObtained = detail::downloadCRLs(ValidationAccess::downloadCRL(options),
+                                            ValidationAccess::checkCRL(options), crls, workingList,
+                                            withLists, chain, trustStore);
+    }
 
     unsigned long flags = kAlwaysFlags;
     if (crlsObtained &&
@@ -174,17 +186,13 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const O
         }
     }
 
-    detail::OpenSSLPtr<X509_VERIFY_PARAM> param(X509_VERIFY_PARAM_new());
-    if (!param || X509_VERIFY_PARAM_set_flags(param.get(), flags) == 0) {
+    // Flags and callback go on the context, not on the store: the store may be shared. The
+    // context starts from the store's (default) parameters, so the effect is the same.
+    X509_STORE_CTX_init(context.get(), store, certificate.get(), untrusted.get());
+    if (X509_VERIFY_PARAM_set_flags(X509_STORE_CTX_get0_param(context.get()), flags) == 0) {
         throw X509CertificateException("Failed to set the flags to X509 parameters");
     }
-    X509_STORE_CTX_set0_param(context.get(), param.release());
-    if (X509_STORE_set_flags(store.get(), flags) == 0) {
-        throw X509CertificateException("Failed to set the flags to X509_STORE");
-    }
-    X509_STORE_set_verify_cb(store.get(), verifyCallback);
-    // Starts the context's parameters afresh from the store's: the store's flags are in effect.
-    X509_STORE_CTX_init(context.get(), store.get(), certificate.get(), untrusted.get());
+    X509_STORE_CTX_set_verify_cb(context.get(), verifyCallback);
     X509_STORE_CTX_set_ex_data(context.get(), 0, const_cast<Options*>(&options));
 
     CertificateValidationResults results(CertificateChainStatus::ValidationFailed, "");
@@ -193,9 +201,14 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const O
         const X509StackUPtr verified = makeX509StackUPtr(X509_STORE_CTX_get1_chain(context.get()));
         const int length = verified ? sk_X509_num(verified.get()) : 0;
         if (length <= 0) throw X509CertificateException("Invalid certificate chain length.\n");
-        return {X509CertificateImpl(
-                    static_cast<const X509*>(sk_X509_value(verified.get(), length - 1))),
-                results};
+        // The anchor passes the same key check as every loaded certificate. Only a caller who
+        // receives it gets a copy of its own.
+        X509* anchor = sk_X509_value(verified.get(), length - 1);
+        if (anchorCopy == AnchorCopy::Duplicate) {
+            return {X509CertificateImpl(static_cast<const X509*>(anchor)), results};
+        }
+        X509_up_ref(anchor);
+        return {X509CertificateImpl::fromParsed(makeX509SPtr(anchor)), results};
     }
     results = resultsFor(context.get());
     if (X509_STORE_CTX_get_error(context.get()) == X509_V_ERR_CERT_REVOKED &&
@@ -208,7 +221,7 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const O
 
 CertificateValidationResults X509CertificateImpl::validateCertificate(
     const X509CertificateChain& chain, const Options& options, const TrustStore& trustStore) const {
-    return validationHelper(chain, options, trustStore).second;
+    return validationHelper(chain, options, trustStore, AnchorCopy::Shared).second;
 }
 
 X509CertificateImpl X509CertificateImpl::getRootCACertificate(const X509CertificateChain& chain,
@@ -216,7 +229,7 @@ X509CertificateImpl X509CertificateImpl::getRootCACertificate(const X509Certific
     const Options forgiving(
         Options::AllowSelfSignedCertificate::Yes, Options::AllowExpiredCertificate::Yes,
         Options::AllowRevokedCertificate::Yes, Options::CheckCRL::None, Options::DownloadCRL::No);
-    auto outcome = validationHelper(chain, forgiving, trustStore);
+    auto outcome = validationHelper(chain, forgiving, trustStore, AnchorCopy::Duplicate);
     if (!outcome.first) {
         throw X509CertificateException("Error: Root CA X509Certificate has no content.");
     }

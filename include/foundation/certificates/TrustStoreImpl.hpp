@@ -21,6 +21,11 @@
 
 namespace foundation::certificates {
 
+namespace detail {
+class StoreSnapshot;
+struct TrustStoreAccess;
+}  // namespace detail
+
 class FOUNDATION_CERTIFICATES_EXPORT TrustStoreImpl {
   public:
     // With the platform's adder.
@@ -60,8 +65,15 @@ class FOUNDATION_CERTIFICATES_EXPORT TrustStoreImpl {
     std::shared_ptr<X509_STORE> getOpenSSLStore() const;
 
   private:
+    friend struct detail::TrustStoreAccess;
+
+    // A read-only copy of the store for verifications, rebuilt only when the store's
+    // certificates have changed since the last one. Call with the owning facade's lock held.
+    std::shared_ptr<X509_STORE> verificationStore() const;
+
     std::shared_ptr<X509_STORE> store;
     std::unique_ptr<ISystemCertificateAdder> systemCertificateAdder;
+    mutable std::shared_ptr<const detail::StoreSnapshot> verificationSnapshot;
 };
 
 }  // namespace foundation::certificates

@@ -1,0 +1,112 @@
+#include "PlatformTrust.hpp"
+
+#include <foundation/certificates/SystemCertificateAdder.hpp>
+#include <foundation/certificates/TrustStore.hpp>
+
+#include "ExceptionLog.hpp"
+#include "StoreSnapshot.hpp"
+
+#include <sys/stat.h>
+
+#include <ctime>
+#include <limits>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace foundation::certificates::detail {
+
+namespace {
+
+struct BundleIdentity {
+    std::string path;
+    bool readable = false;
+    dev_t device = 0;
+    ino_t inode = 0;
+    off_t size = 0;
+    timespec modified{};
+
+    bool operator==(const BundleIdentity& other) const {
+        return path == other.path && readable == other.readable && device == other.device &&
+               inode == other.inode && size == other.size &&
+               modified.tv_sec == other.modified.tv_sec &&
+               modified.tv_nsec == other.modified.tv_nsec;
+    }
+};
+
+BundleIdentity identifyBundle() {
+    BundleIdentity identity;
+    identity.path = getSystemCertificatesFile();
+    struct stat status {};
+    if (!identity.path.empty() && stat(identity.path.c_str(), &status) == 0) {
+        identity.readable = true;
+        identity.device = status.st_dev;
+        identity.inode = status.st_ino;
+        identity.size = status.st_size;
+        identity.modified = status.st_mtim;
+    }
+    return identity;
+}
+
+struct PlatformStore {
+    BundleIdentity bundle;
+    std::shared_ptr<X509_STORE> store;
+    std::vector<std::string> logRecords;
+    std::time_t validUntil = 0;  // the earliest end of validity among the kept certificates
+};
+
+// The filter keeps a certificate until its notAfter lies in the past, so the kept set stays the
+// same up to and including the earliest notAfter among them.
+std::time_t earliestExpiry(X509_STORE* store) {
+    std::time_t earliest = std::numeric_limits<std::time_t>::max();
+    const StoreListLock lock(store);
+    const STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(store);
+    for (int i = 0; i < sk_X509_OBJECT_num(objects); ++i) {
+        const X509* certificate = X509_OBJECT_get0_X509(sk_X509_OBJECT_value(objects, i));
+        std::tm expiry{};
+        if (certificate == nullptr ||
+            ASN1_TIME_to_tm(X509_get0_notAfter(certificate), &expiry) != 1) {
+            continue;
+        }
+        earliest = std::min(earliest, timegm(&expiry));
+    }
+    return earliest;
+}
+
+std::shared_ptr<const PlatformStore> build(BundleIdentity bundle) {
+    auto built = std::make_shared<PlatformStore>();
+    built->bundle = std::move(bundle);
+    const LogRecordCapture capture;
+    TrustStore platform;
+    platform.addSystemCertificates(TrustStore::Usage::Signing, false);
+    platform.addSystemCertificates(TrustStore::Usage::SSL, false);
+    // Nobody else holds this store: it becomes the read-only copy as it is.
+    built->store = getOpenSSLStore(platform);
+    built->logRecords = capture.records();
+    built->validUntil = earliestExpiry(built->store.get());
+    return built;
+}
+
+}  // namespace
+
+std::shared_ptr<X509_STORE> platformVerificationStore() {
+    static std::mutex mutex;
+    static std::shared_ptr<const PlatformStore> cached;
+
+    const BundleIdentity bundle = identifyBundle();
+    std::shared_ptr<const PlatformStore> current;
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        current = cached;
+    }
+    if (current && current->bundle == bundle && std::time(nullptr) <= current->validUntil) {
+        writeLogRecords(current->logRecords);
+    } else {
+        current = build(bundle);
+        const std::lock_guard<std::mutex> lock(mutex);
+        cached = current;
+    }
+    return std::shared_ptr<X509_STORE>(current, current->store.get());
+}
+
+}  // namespace foundation::certificates::detail
