@@ -172,4 +172,20 @@ STACK_OF(X509) * getCopyOfOpenSSLX509Stack(const std::vector<X509Certificate>& c
     return stack.release();
 }
 
+X509StackUPtr detail::shareX509Stack(const std::vector<X509Certificate>& certificates) {
+    X509StackUPtr stack = makeX509StackUPtr(sk_X509_new_null());
+    if (!stack) throw X509CertificateException("Internal error: Unable to allocate a stack.");
+    for (const X509Certificate& certificate : certificates) {
+        const X509SPtr parsed = FacadeAccess::locked(certificate, [](const X509CertificateImpl& i) {
+            i.throwIfEmpty();
+            return i.shared();
+        });
+        if (sk_X509_push(stack.get(), parsed.get()) <= 0) {
+            throw X509CertificateException("Internal error: Unable to allocate a stack.");
+        }
+        X509_up_ref(parsed.get());
+    }
+    return stack;
+}
+
 }  // namespace foundation::certificates

@@ -12,10 +12,12 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 namespace foundation::certificates {
 
 class TrustStore;
+class X509Certificate;
 class X509CertificateChain;
 
 class X509CertificateImpl {
@@ -112,5 +114,14 @@ class X509CertificateImpl {
 
     X509SPtr certificate;
 };
+
+namespace detail {
+
+// The certificates' parsed X509s by reference, for OpenSSL calls that only read them: they are
+// never modified, so no duplicate is needed. Throws X509CertificateException for an empty
+// certificate or when the stack cannot grow.
+X509StackUPtr shareX509Stack(const std::vector<X509Certificate>& certificates);
+
+}  // namespace detail
 
 }  // namespace foundation::certificates

@@ -116,24 +116,6 @@ std::shared_ptr<X509_STORE> trustedStore(const TrustStore& trustStore) {
     }
 }
 
-// Untrusted certificates for the verifier, by reference: the stack never leaves this call.
-X509StackUPtr untrustedStack(const std::vector<X509Certificate>& certificates) {
-    X509StackUPtr stack = makeX509StackUPtr(sk_X509_new_null());
-    if (!stack) throw X509CertificateException("Internal error: Unable to allocate a stack.");
-    for (const X509Certificate& certificate : certificates) {
-        const X509SPtr parsed =
-            detail::FacadeAccess::locked(certificate, [](const X509CertificateImpl& i) {
-                i.throwIfEmpty();
-                return i.shared();
-            });
-        if (sk_X509_push(stack.get(), parsed.get()) <= 0) {
-            throw X509CertificateException("Internal error: Unable to allocate a stack.");
-        }
-        X509_up_ref(parsed.get());
-    }
-    return stack;
-}
-
 bool sameCertificate(const X509Certificate& certificate, const X509* x509) {
     const X509SPtr parsed = detail::FacadeAccess::locked(
         certificate, [](const X509CertificateImpl& i) { return i.shared(); });
@@ -157,7 +139,7 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const O
     if (workingList.empty() || !sameCertificate(workingList.front(), certificate.get())) {
         workingList.insert(workingList.begin(), X509Certificate(share()));
     }
-    const X509StackUPtr untrusted = untrustedStack(workingList);
+    const X509StackUPtr untrusted = detail::shareX509Stack(workingList);
 
     // Downloaded lists go into a private copy; without downloads the shared store is only read.
     X509_STORE* store = trusted.get();
