@@ -77,6 +77,12 @@ std::string PKCS7Certificate::getAsString() const {
     return FacadeAccess::locked(*this, [](const Impl& i) { return i.getAsString(); });
 }
 
+PKCS7CertificateValidationResults PKCS7Certificate::verifySignature(
+    const X509CertificateChain& chain, const TrustStore& trustStore, const ByteArray& data) const {
+    return FacadeAccess::locked(
+        *this, [&](const Impl& i) { return i.verifySignature(chain, trustStore, data); });
+}
+
 X509CertificateChain PKCS7Certificate::getSignerCerts() const {
     return FacadeAccess::locked(*this, [](const Impl& i) { return i.getSignerCerts(); });
 }

@@ -3,6 +3,8 @@
 
 #include "OpenSSLPtr.hpp"
 
+#include <foundation/certificates/CertificateValidation.hpp>
+#include <foundation/certificates/TrustStore.hpp>
 #include <foundation/certificates/Types.hpp>
 #include <foundation/certificates/X509Certificate.hpp>
 #include <foundation/certificates/X509CertificateChain.hpp>
@@ -43,6 +45,10 @@ class PKCS7CertificateImpl {
     ByteArray getAsBytes() const;
     std::string getAsString() const;
 
+    // Takes the chain's and the trust store's locks one at a time.
+    PKCS7CertificateValidationResults verifySignature(const X509CertificateChain& chain,
+                                                      const TrustStore& trustStore,
+                                                      const ByteArray& data) const;
     X509CertificateChain getSignerCerts() const;
     ByteArray getSignedData() const;
 

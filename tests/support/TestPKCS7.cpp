@@ -7,6 +7,7 @@
 #include <openssl/x509v3.h>
 
 #include <stdexcept>
+#include <utility>
 
 namespace testsupport {
 
@@ -45,7 +46,8 @@ fc::BIOUPtr contentBIO(const fc::ByteArray& content) {
 }
 
 Signer makeSigner(const char* commonName, X509* issuer, EVP_PKEY* issuerKey, long notBeforeOffset,
-                  long notAfterOffset, const char* serialHex) {
+                  long notAfterOffset, const char* serialHex,
+                  std::vector<std::pair<int, std::string>> moreExtensions = {}) {
     Signer signer;
     signer.key = generateKey(KeyKind::RSA2048);
     CertificateSpec spec;
@@ -57,6 +59,7 @@ Signer makeSigner(const char* commonName, X509* issuer, EVP_PKEY* issuerKey, lon
     spec.notAfterOffset = notAfterOffset;
     spec.serialHex = serialHex;
     spec.extensions = {{NID_key_usage, "critical,digitalSignature,nonRepudiation"}};
+    spec.extensions.insert(spec.extensions.end(), moreExtensions.begin(), moreExtensions.end());
     signer.certificate = makeCertificate(spec);
     return signer;
 }
@@ -100,6 +103,13 @@ const Signer& expiredSigner() {
 const Signer& selfSignedSigner() {
     static const Signer signer =
         makeSigner("Self-Signed Signer", nullptr, nullptr, -3600, 365 * kDay, "0104");
+    return signer;
+}
+
+const Signer& tlsServerSigner() {
+    static const Signer signer =
+        makeSigner("TLS Server Signer", rsaPKI().intermediate.get(), rsaPKI().intermediateKey.get(),
+                   -3600, 365 * kDay, "0105", {{NID_ext_key_usage, "serverAuth"}});
     return signer;
 }
 

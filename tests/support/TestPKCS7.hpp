@@ -28,10 +28,13 @@ struct Signer {
 //   direct    issued by rsaPKI()'s root itself
 //   expired   issued by rsaPKI()'s intermediate, expired yesterday
 //   selfSigned its own issuer
+//   tlsServer  issued by rsaPKI()'s intermediate for TLS servers only (extendedKeyUsage
+//              serverAuth), which OpenSSL's S/MIME signing purpose refuses
 const Signer& chainedSigner();
 const Signer& directSigner();
 const Signer& expiredSigner();
 const Signer& selfSignedSigner();
+const Signer& tlsServerSigner();
 
 // Signed-data holding the certificates, in order, and no signer information. With no
 // certificates the structure has no certificate set at all.

@@ -12,7 +12,9 @@
 //   for (const auto& certificate : bundle.getCertificates()) std::cout << certificate;
 #pragma once
 
+#include <foundation/certificates/CertificateValidation.hpp>
 #include <foundation/certificates/Export.hpp>
+#include <foundation/certificates/TrustStore.hpp>
 #include <foundation/certificates/Types.hpp>
 #include <foundation/certificates/X509Certificate.hpp>
 #include <foundation/certificates/X509CertificateChain.hpp>
@@ -68,6 +70,22 @@ class FOUNDATION_CERTIFICATES_EXPORT PKCS7Certificate {
     // structure to write (certificates added to a default-constructed object).
     ByteArray getAsBytes() const;
     std::string getAsString() const;
+
+    // Checks the signature over the attached content (data empty) or over data (a detached
+    // signature), and the signer's certificate path to trustStore; an empty trustStore stands
+    // for the platform's certificates trusted for signing or TLS. chain helps build the path,
+    // and its certificates are also put into the store the signature is verified against, so
+    // they count as trusted: pass only certificates you trust there. Neither argument changes.
+    //
+    // Outcomes come back in the record: a signature that does not verify (or content that is
+    // missing or altered) gives (false, ValidationFailed, OpenSSL's reason); a correct signature
+    // whose signer does not chain to the store gives true and the status of validateCertificate
+    // with nothing tolerated. The reason is that of the earliest error in this thread's OpenSSL
+    // queue, which is not cleared first: an error the caller left there is reported instead.
+    // Throws PKCS7CertificateException only for internal failures.
+    PKCS7CertificateValidationResults verifySignature(const X509CertificateChain& chain,
+                                                      const TrustStore& trustStore,
+                                                      const ByteArray& data) const;
 
     // The certificates of the signers, looked up among those inside the structure, in signer
     // order. Empty for a bundle without signers or when a signer's certificate is missing; the
