@@ -29,9 +29,11 @@ const std::vector<certinfo::Command>& commands() {
         {"chain", "chain FILE [--pem]",
          "print every certificate of a PEM chain file (or write the chain back as PEM)",
          certinfo::runChain},
-        {"pkcs7", "pkcs7 FILE [--pem]",
-         "list the certificates and signers of a PKCS#7 file, PEM or DER (or write it back as "
-         "PEM)",
+        {"pkcs7", "pkcs7 FILE [--pem | --verify [--content FILE] [--chain FILE] [--trust FILE]]",
+         "list the certificates and signers of a PKCS#7 file, PEM or DER (or write it back as\n"
+         "      PEM); with --verify, check its signature over the attached or the --content\n"
+         "      data and the signer's path to --trust (a PEM bundle; default: the system's\n"
+         "      roots), with --chain's PEM certificates as intermediates, which are trusted too",
          certinfo::runPKCS7},
         {"key", "key FILE", "classify a PEM public or private key", certinfo::runKey},
         {"generate",
