@@ -4,11 +4,13 @@
 #include "Arguments.hpp"
 
 #include <foundation/certificates/CertificateValidation.hpp>
+#include <foundation/certificates/TrustStore.hpp>
 #include <foundation/certificates/X509Certificate.hpp>
 
 #include <openssl/evp.h>
 
 #include <iosfwd>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -46,6 +48,14 @@ void describeCertificate(const foundation::certificates::X509Certificate& certif
 // Prints a validation's status, error text and revocation details; true when it is Valid.
 bool describeValidation(const foundation::certificates::CertificateValidationResults& results,
                         std::ostream& out);
+
+// The enumerator's name, e.g. "InvalidChain".
+const char* chainStatusName(foundation::certificates::CertificateChainStatus status);
+
+// The certificates of a PEM bundle that the library loads, or an empty store (the system's
+// certificates) without a path; says on out which it is.
+foundation::certificates::TrustStore trustStoreFrom(const std::optional<std::string>& path,
+                                                    std::ostream& out);
 
 // Every certificate block of a PEM bundle that the library loads; counts the refused ones.
 std::vector<foundation::certificates::X509Certificate> loadableCertificates(

@@ -1,16 +1,12 @@
 #include "Commands.hpp"
 
 #include <foundation/certificates/CertificateValidation.hpp>
-#include <foundation/certificates/OpenSSLHandles.hpp>
 #include <foundation/certificates/PKCS7Certificate.hpp>
 #include <foundation/certificates/TrustStore.hpp>
 #include <foundation/certificates/X509CertificateChain.hpp>
 
-#include <openssl/err.h>
-#include <openssl/pem.h>
-
 #include <ostream>
-#include <sstream>
+#include <string>
 
 namespace certinfo {
 
@@ -22,53 +18,11 @@ std::string count(std::size_t n, const char* one, const char* many) {
     return std::to_string(n) + " " + (n == 1 ? one : many);
 }
 
-const char* statusName(fc::CertificateChainStatus status) {
-    switch (status) {
-        case fc::CertificateChainStatus::Valid:
-            return "valid";
-        case fc::CertificateChainStatus::InvalidChain:
-            return "no path to a trusted certificate";
-        case fc::CertificateChainStatus::SelfSigned:
-            return "self-signed and not trusted";
-        case fc::CertificateChainStatus::CRLError:
-            return "revocation list problem";
-        case fc::CertificateChainStatus::Revoked:
-            return "revoked";
-        case fc::CertificateChainStatus::Expired:
-            return "expired";
-        case fc::CertificateChainStatus::InvalidSignature:
-            return "a certificate's signature does not verify";
-        case fc::CertificateChainStatus::ValidationFailed:
-            return "validation failed";
-    }
-    return "unknown";
-}
-
-// Every certificate of a PEM bundle goes into the store as OpenSSL reads it: X509Certificate
-// refuses some key types (P-384, for one) that trusted roots use.
-fc::TrustStore trustStoreFrom(const std::string& path) {
-    const std::string pem = readInput(path);
-    const fc::BIOUPtr bio =
-        fc::makeBIOUPtr(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
-    fc::TrustStore store;
-    const std::shared_ptr<X509_STORE> live = fc::getOpenSSLStore(store);
-    std::size_t added = 0;
-    while (fc::X509UPtr certificate =
-               fc::makeX509UPtr(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr))) {
-        if (X509_STORE_add_cert(live.get(), certificate.get()) == 1) ++added;
-    }
-    ERR_clear_error();  // the end of the text reads as an error
-    if (added == 0) throw std::runtime_error("no certificate in " + path);
-    return store;
-}
-
 int verify(const fc::PKCS7Certificate& pkcs7, const Arguments& args, std::ostream& out) {
     const fc::X509CertificateChain chain =
         args.value("chain") ? fc::X509CertificateChain(readInput(*args.value("chain")))
                             : fc::X509CertificateChain();
-    // Empty: the library uses the system's trusted certificates.
-    const fc::TrustStore trust =
-        args.value("trust") ? trustStoreFrom(*args.value("trust")) : fc::TrustStore();
+    const fc::TrustStore trust = trustStoreFrom(args.value("trust"), out);
     std::string content;
     if (const auto path = args.value("content")) content = readInput(*path);
 
@@ -76,10 +30,13 @@ int verify(const fc::PKCS7Certificate& pkcs7, const Arguments& args, std::ostrea
         pkcs7.verifySignature(chain, trust, fc::ByteArray(content.begin(), content.end()));
     out << "Signature:    "
         << (results.getSignatureVerificationStatus() ? "verifies" : "does not verify") << '\n'
-        << "Signer chain: " << statusName(results.getCertificateChainStatus()) << " ("
+        << "Chain status: " << chainStatusName(results.getCertificateChainStatus()) << " ("
         << static_cast<unsigned>(results.getCertificateChainStatus()) << ")\n";
-    std::istringstream text(results.getValidationErrorString());
-    for (std::string line; std::getline(text, line);) out << "  " << line << '\n';
+    const std::string text = results.getValidationErrorString();
+    if (!text.empty()) {
+        // OpenSSL's reasons come without a line end, validation texts with one.
+        out << "Error text:\n" << text << (text.back() == '\n' ? "" : "\n");
+    }
     const bool valid = results.isValidSignature();
     out << (valid ? "Valid signature\n" : "Not a valid signature\n");
     return valid ? kExitOk : kExitNegative;

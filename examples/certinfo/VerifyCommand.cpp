@@ -14,7 +14,23 @@ using Options = fc::CertificateValidationOptions;
 
 namespace {
 
-const char* statusName(fc::CertificateChainStatus status) {
+Options::CheckCRL checkFrom(const std::string& text) {
+    if (text == "none") return Options::CheckCRL::None;
+    if (text == "leaf") return Options::CheckCRL::LeafOnly;
+    if (text == "chain") return Options::CheckCRL::FullChain;
+    throw UsageError("--crl takes none, leaf or chain");
+}
+
+Options::DownloadCRL downloadFrom(const std::string& text) {
+    if (text == "no") return Options::DownloadCRL::No;
+    if (text == "ignore-errors") return Options::DownloadCRL::IgnoreErrors;
+    if (text == "throw") return Options::DownloadCRL::ThrowOnError;
+    throw UsageError("--download takes no, ignore-errors or throw");
+}
+
+}  // namespace
+
+const char* chainStatusName(fc::CertificateChainStatus status) {
     switch (status) {
         case fc::CertificateChainStatus::Valid:
             return "Valid";
@@ -36,21 +52,22 @@ const char* statusName(fc::CertificateChainStatus status) {
     return "?";
 }
 
-Options::CheckCRL checkFrom(const std::string& text) {
-    if (text == "none") return Options::CheckCRL::None;
-    if (text == "leaf") return Options::CheckCRL::LeafOnly;
-    if (text == "chain") return Options::CheckCRL::FullChain;
-    throw UsageError("--crl takes none, leaf or chain");
+fc::TrustStore trustStoreFrom(const std::optional<std::string>& path, std::ostream& out) {
+    // An empty store stands for the system's trusted certificates.
+    fc::TrustStore trustStore;
+    if (!path) {
+        out << "Trusting the system's certificates\n";
+        return trustStore;
+    }
+    std::size_t refused = 0;
+    for (const fc::X509Certificate& trusted : loadableCertificates(readInput(*path), &refused)) {
+        trustStore.addCertificate(trusted);
+    }
+    out << "Trusting " << trustStore.size() << " certificates from " << *path;
+    if (refused != 0) out << " (" << refused << " with keys the library does not support left out)";
+    out << '\n';
+    return trustStore;
 }
-
-Options::DownloadCRL downloadFrom(const std::string& text) {
-    if (text == "no") return Options::DownloadCRL::No;
-    if (text == "ignore-errors") return Options::DownloadCRL::IgnoreErrors;
-    if (text == "throw") return Options::DownloadCRL::ThrowOnError;
-    throw UsageError("--download takes no, ignore-errors or throw");
-}
-
-}  // namespace
 
 std::vector<fc::X509Certificate> loadableCertificates(const std::string& pemText,
                                                       std::size_t* refused) {
@@ -73,7 +90,7 @@ std::vector<fc::X509Certificate> loadableCertificates(const std::string& pemText
 
 bool describeValidation(const fc::CertificateValidationResults& results, std::ostream& out) {
     const fc::CertificateChainStatus status = results.getCertificateChainStatus();
-    out << "Chain status: " << statusName(status) << " (" << static_cast<std::uint32_t>(status)
+    out << "Chain status: " << chainStatusName(status) << " (" << static_cast<std::uint32_t>(status)
         << ")\n";
     if (!results.getValidationErrorString().empty()) {
         out << "Error text:\n" << results.getValidationErrorString();
@@ -99,21 +116,7 @@ int runVerify(const std::vector<std::string>& words, std::ostream& out) {
     fc::X509CertificateChain chain;
     if (const auto path = args.value("chain")) chain = fc::X509CertificateChain(readInput(*path));
 
-    // An empty store stands for the system's trusted certificates.
-    fc::TrustStore trustStore;
-    if (const auto path = args.value("trust")) {
-        std::size_t refused = 0;
-        for (const fc::X509Certificate& trusted :
-             loadableCertificates(readInput(*path), &refused)) {
-            trustStore.addCertificate(trusted);
-        }
-        out << "Trusting " << trustStore.size() << " certificates from " << *path;
-        if (refused != 0)
-            out << " (" << refused << " with keys the library does not support left out)";
-        out << '\n';
-    } else {
-        out << "Trusting the system's certificates\n";
-    }
+    const fc::TrustStore trustStore = trustStoreFrom(args.value("trust"), out);
 
     const Options options(
         args.flag("allow-self-signed") ? Options::AllowSelfSignedCertificate::Yes
