@@ -1,8 +1,11 @@
 // Signature verification of a PKCS#7 structure: OpenSSL's own check first, and when only the
 // signer's path failed, the library's validation of the signer to say why.
+#include "PKCS7CertificateImpl.hpp"
+
 #include "OpenSSLErrors.hpp"
 #include "OpenSSLPtr.hpp"
-#include "PKCS7CertificateImpl.hpp"
+#include "PlatformTrust.hpp"
+#include "StoreSnapshot.hpp"
 #include "X509CertificateImpl.hpp"
 
 #include <foundation/certificates/Exceptions.hpp>
@@ -11,6 +14,9 @@
 #include <openssl/pkcs7.h>
 
 #include <climits>
+#include <memory>
+#include <string>
+#include <vector>
 
 namespace foundation::certificates {
 
@@ -27,15 +33,11 @@ std::string earliestReason() {
     return detail::getOpenSSLErrorReason();
 }
 
-// The store the signature is checked against: a copy of the caller's, which is never changed,
-// or the platform's certificates when the caller's is empty.
-TrustStore privateTrustStore(const TrustStore& trustStore) {
+// The certificates the signature's path is checked against, read-only: the caller's, or the
+// platform's when the caller's store is empty.
+std::shared_ptr<X509_STORE> trustedStore(const TrustStore& trustStore) {
     try {
-        if (!trustStore.empty()) return TrustStore(trustStore);
-        TrustStore platform;
-        platform.addSystemCertificates(TrustStore::Usage::Signing, false);
-        platform.addSystemCertificates(TrustStore::Usage::SSL, false);
-        return platform;
+        return detail::trustedVerificationStore(trustStore);
     } catch (const TrustStoreException& e) {
         throw PKCS7CertificateException(std::string("Internal error:") + e.what());
     }
@@ -45,17 +47,20 @@ TrustStore privateTrustStore(const TrustStore& trustStore) {
 
 PKCS7CertificateValidationResults PKCS7CertificateImpl::verifySignature(
     const X509CertificateChain& chain, const TrustStore& trustStore, const ByteArray& data) const {
-    const TrustStore trusted = privateTrustStore(trustStore);
-    const auto store = copyOpenSSLStore(trusted);
-    if (!store) throw PKCS7CertificateException("Internal error: Unable to copy the trust store.");
+    const std::shared_ptr<X509_STORE> trusted = trustedStore(trustStore);
 
-    // The chain's certificates may serve as intermediates and, being in the store, as anchors.
+    // The chain's certificates serve as intermediates and, being put into the store, as
+    // anchors. The shared store is never changed: they go into a private copy of it.
     const std::vector<X509Certificate> chainCertificates = chain.getCertificates();
     X509StackUPtr untrusted = makeX509StackUPtr(nullptr);
+    detail::OpenSSLPtr<X509_STORE> withChain;
+    X509_STORE* store = trusted.get();
     if (!chainCertificates.empty()) {
         untrusted = detail::shareX509Stack(chainCertificates);
+        withChain = detail::copyStoreObjects(trusted.get());
+        store = withChain.get();
         for (int index = 0; index < sk_X509_num(untrusted.get()); ++index) {
-            X509_STORE_add_cert(store.get(), sk_X509_value(untrusted.get(), index));
+            X509_STORE_add_cert(store, sk_X509_value(untrusted.get(), index));
         }
     }
 
@@ -73,7 +78,7 @@ PKCS7CertificateValidationResults PKCS7CertificateImpl::verifySignature(
         flags = 0;
     }
 
-    if (PKCS7_verify(pkcs7.get(), untrusted.get(), store.get(), input.get(), nullptr, flags) == 1) {
+    if (PKCS7_verify(pkcs7.get(), untrusted.get(), store, input.get(), nullptr, flags) == 1) {
         return {true, CertificateChainStatus::Valid, ""};
     }
     const std::string reason = earliestReason();
@@ -90,8 +95,9 @@ PKCS7CertificateValidationResults PKCS7CertificateImpl::verifySignature(
     const Options nothingTolerated(
         Options::AllowSelfSignedCertificate::No, Options::AllowExpiredCertificate::No,
         Options::AllowRevokedCertificate::No, Options::CheckCRL::None, Options::DownloadCRL::No);
+    // Given the caller's store, validation trusts exactly what the verification trusted.
     const CertificateValidationResults validation =
-        signers.front().validateCertificate(chain, nothingTolerated, TrustStore(trusted));
+        signers.front().validateCertificate(chain, nothingTolerated, trustStore);
     const CertificateChainStatus status = validation.getCertificateChainStatus();
     return {
         true, status,

@@ -5,6 +5,7 @@
 
 #include "ExceptionLog.hpp"
 #include "StoreSnapshot.hpp"
+#include "TrustStoreAccess.hpp"
 
 #include <sys/stat.h>
 
@@ -107,6 +108,13 @@ std::shared_ptr<X509_STORE> platformVerificationStore() {
         cached = current;
     }
     return std::shared_ptr<X509_STORE>(current, current->store.get());
+}
+
+std::shared_ptr<X509_STORE> trustedVerificationStore(const TrustStore& trustStore) {
+    std::shared_ptr<X509_STORE> store;
+    if (!trustStore.empty()) store = TrustStoreAccess::verificationStore(trustStore);
+    if (!store) store = platformVerificationStore();
+    return store;
 }
 
 }  // namespace foundation::certificates::detail

@@ -6,6 +6,10 @@
 
 #include <memory>
 
+namespace foundation::certificates {
+class TrustStore;
+}
+
 namespace foundation::certificates::detail {
 
 // A read-only store holding what a default TrustStore holds after
@@ -17,5 +21,10 @@ namespace foundation::certificates::detail {
 // certificate in it expired since. The log records written while building are written again at
 // every reuse. Never change the returned store: copy it (copyStoreObjects) to add to it.
 std::shared_ptr<X509_STORE> platformVerificationStore();
+
+// The certificates a verification trusts, read-only: the trust store's (its verification
+// snapshot), or the platform's when it is empty. Never change the returned store: copy it
+// (copyStoreObjects) to add to it. Throws TrustStoreException.
+std::shared_ptr<X509_STORE> trustedVerificationStore(const TrustStore& trustStore);
 
 }  // namespace foundation::certificates::detail

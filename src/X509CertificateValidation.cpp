@@ -6,7 +6,6 @@
 #include "PlatformTrust.hpp"
 #include "RevocationChecking.hpp"
 #include "StoreSnapshot.hpp"
-#include "TrustStoreAccess.hpp"
 #include "ValidationAccess.hpp"
 #include "X509CertificateImpl.hpp"
 
@@ -107,10 +106,7 @@ CertificateValidationResults resultsFor(X509_STORE_CTX* context) {
 // the caller's trust store never sees what a validation adds.
 std::shared_ptr<X509_STORE> trustedStore(const TrustStore& trustStore) {
     try {
-        std::shared_ptr<X509_STORE> store;
-        if (!trustStore.empty()) store = detail::TrustStoreAccess::verificationStore(trustStore);
-        if (!store) store = detail::platformVerificationStore();
-        return store;
+        return detail::trustedVerificationStore(trustStore);
     } catch (const TrustStoreException& e) {
         throw X509CertificateException(std::string("Internal error:") + e.what());
     }
