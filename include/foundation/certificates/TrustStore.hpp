@@ -93,8 +93,9 @@ FOUNDATION_CERTIFICATES_EXPORT std::shared_ptr<X509_STORE> getOpenSSLStore(const
 FOUNDATION_CERTIFICATES_EXPORT std::shared_ptr<X509_STORE> getUnderlyingStore(
     const TrustStore& store);
 
-// A new store holding the same certificates and CRLs (not the verification parameters). Null
-// for a moved-from trust store.
+// A new store holding the same certificates and CRLs (not the verification parameters). The
+// certificates are shared with the trust store by reference count, not duplicated: add to the
+// copy freely, but do not modify its certificates. Null for a moved-from trust store.
 FOUNDATION_CERTIFICATES_EXPORT std::unique_ptr<X509_STORE, void (*)(X509_STORE*)> copyOpenSSLStore(
     const TrustStore& store);
 // The same copy; the caller frees it with X509_STORE_free.
