@@ -5,6 +5,7 @@
 #include "support/TestCertificates.hpp"
 #include "support/TestHttpServers.hpp"
 #include "support/TestKeys.hpp"
+#include "support/TestTrustBundle.hpp"
 
 #include <foundation/certificates/CertificateValidation.hpp>
 #include <foundation/certificates/Exceptions.hpp>
@@ -242,27 +243,9 @@ TEST(RootCACertificate, IsTheTrustAnchorOfTheVerifiedChain) {
 // SSL_CERT_FILE here.
 class PlatformTrust : public ::testing::Test {
   protected:
-    void SetUp() override {
-        const char* previous = std::getenv("SSL_CERT_FILE");
-        if (previous != nullptr) previous_ = previous;
-        bundle_ = std::filesystem::temp_directory_path() /
-                  ("foundation-bundle-" + std::to_string(::getpid()) + ".pem");
-    }
-    void TearDown() override {
-        if (previous_) {
-            setenv("SSL_CERT_FILE", previous_->c_str(), 1);
-        } else {
-            unsetenv("SSL_CERT_FILE");
-        }
-        std::filesystem::remove(bundle_);
-    }
-    void useBundle(const std::string& contents) {
-        std::ofstream(bundle_) << contents;
-        setenv("SSL_CERT_FILE", bundle_.c_str(), 1);
-    }
+    void useBundle(const std::string& contents) { bundle_.write(contents); }
 
-    std::optional<std::string> previous_;
-    std::filesystem::path bundle_;
+    testsupport::ScopedTrustBundle bundle_;
 };
 
 TEST_F(PlatformTrust, EmptyTrustStoreUsesThePlatformsCertificates) {

@@ -1,16 +1,13 @@
 #include "ExceptionLog.hpp"
+#include "support/TestLogging.hpp"
 
 #include <foundation/certificates/Exceptions.hpp>
 #include <foundation/certificates/Logging.hpp>
 
-#include <boost/log/attributes/value_extraction.hpp>
 #include <boost/log/core/core.hpp>
 #include <boost/log/expressions.hpp>
-#include <boost/log/sinks/basic_sink_backend.hpp>
-#include <boost/log/sinks/sync_frontend.hpp>
 #include <gtest/gtest.h>
 
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -20,52 +17,17 @@ namespace logging = boost::log;
 
 namespace {
 
-struct CapturedRecord {
-    std::string logger;
-    flog::severity_type severity = 0;
-    std::string message;
-};
-
-class CapturingBackend
-    : public logging::sinks::basic_sink_backend<logging::sinks::synchronized_feeding> {
-  public:
-    void consume(const logging::record_view& record) {
-        CapturedRecord captured;
-        captured.logger = logging::extract<std::string>(flog::logger_attribute_name, record).get();
-        captured.severity =
-            logging::extract<flog::severity_type>(flog::severity_attribute_name, record).get();
-        captured.message = *record[logging::expressions::smessage];
-        const std::lock_guard<std::mutex> lock(mutex_);
-        records_.push_back(std::move(captured));
-    }
-    std::vector<CapturedRecord> records() const {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        return records_;
-    }
-
-  private:
-    mutable std::mutex mutex_;
-    std::vector<CapturedRecord> records_;
-};
-
-using CapturingSink = logging::sinks::synchronous_sink<CapturingBackend>;
+using testsupport::CapturedRecord;
 
 class LoggingTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        backend_ = boost::make_shared<CapturingBackend>();
-        sink_ = boost::make_shared<CapturingSink>(backend_);
-        logging::core::get()->add_sink(sink_);
-    }
     void TearDown() override {
-        logging::core::get()->remove_sink(sink_);
         logging::core::get()->set_logging_enabled(true);
         fc::getLogger().set_enabled_severities(flog::all_severities);
     }
-    std::vector<CapturedRecord> records() const { return backend_->records(); }
+    std::vector<CapturedRecord> records() const { return capture_.records(); }
 
-    boost::shared_ptr<CapturingBackend> backend_;
-    boost::shared_ptr<CapturingSink> sink_;
+    testsupport::LogCapture capture_;
 };
 
 void logTrustStoreFailure() {
@@ -115,7 +77,7 @@ TEST_F(LoggingTest, DisabledCoreWritesNothing) {
 }
 
 TEST_F(LoggingTest, FilteredRecordIsNotOpened) {
-    sink_->set_filter(
+    capture_.setFilter(
         logging::expressions::attr<flog::severity_type>(flog::severity_attribute_name) < 16u);
     logTrustStoreFailure();
     EXPECT_TRUE(records().empty());

@@ -3,6 +3,7 @@
 #include "support/Expectations.hpp"
 #include "support/TestCertificates.hpp"
 #include "support/TestPKCS7.hpp"
+#include "support/TestTrustBundle.hpp"
 
 #include <foundation/certificates/CertificateValidation.hpp>
 #include <foundation/certificates/Exceptions.hpp>
@@ -273,28 +274,9 @@ TEST_F(PKCS7SignatureTest, MovedFromObjectIsUninitialised) {
 // SSL_CERT_FILE names.
 class PKCS7PlatformTrust : public PKCS7SignatureTest {
   protected:
-    void SetUp() override {
-        PKCS7SignatureTest::SetUp();
-        if (const char* previous = std::getenv("SSL_CERT_FILE")) previous_ = previous;
-        bundle_ = std::filesystem::temp_directory_path() /
-                  ("foundation-pkcs7-bundle-" + std::to_string(::getpid()) + ".pem");
-    }
-    void TearDown() override {
-        if (previous_) {
-            setenv("SSL_CERT_FILE", previous_->c_str(), 1);
-        } else {
-            unsetenv("SSL_CERT_FILE");
-        }
-        std::filesystem::remove(bundle_);
-        PKCS7SignatureTest::TearDown();
-    }
-    void useBundle(const std::string& contents) {
-        std::ofstream(bundle_) << contents;
-        setenv("SSL_CERT_FILE", bundle_.c_str(), 1);
-    }
+    void useBundle(const std::string& contents) { bundle_.write(contents); }
 
-    std::optional<std::string> previous_;
-    std::filesystem::path bundle_;
+    testsupport::ScopedTrustBundle bundle_;
 };
 
 TEST_F(PKCS7PlatformTrust, EmptyTrustStoreUsesThePlatformsCertificates) {

@@ -16,6 +16,14 @@ namespace fc = foundation::certificates;
 
 namespace {
 
+// Nothing forgiven, no revocation lists.
+fc::CertificateValidationOptions strictOptions() {
+    using Options = fc::CertificateValidationOptions;
+    return Options(Options::AllowSelfSignedCertificate::No, Options::AllowExpiredCertificate::No,
+                   Options::AllowRevokedCertificate::No, Options::CheckCRL::None,
+                   Options::DownloadCRL::No);
+}
+
 void heading(std::ostream& out, const std::string& title) { out << "== " << title << " ==\n\n"; }
 
 void demoEncodings(std::ostream& out) {
@@ -73,15 +81,9 @@ void demoSystemTrust(std::ostream& out) {
     out << "The bundle's first certificate:\n";
     describeCertificate(roots.front(), out);
     out << "\nValidated against the system's trust store (an empty TrustStore):\n";
-    const fc::CertificateValidationOptions strict(
-        fc::CertificateValidationOptions::AllowSelfSignedCertificate::No,
-        fc::CertificateValidationOptions::AllowExpiredCertificate::No,
-        fc::CertificateValidationOptions::AllowRevokedCertificate::No,
-        fc::CertificateValidationOptions::CheckCRL::None,
-        fc::CertificateValidationOptions::DownloadCRL::No);
-    describeValidation(
-        roots.front().validateCertificate(fc::X509CertificateChain(), strict, fc::TrustStore()),
-        out);
+    describeValidation(roots.front().validateCertificate(fc::X509CertificateChain(),
+                                                         strictOptions(), fc::TrustStore()),
+                       out);
     out << '\n';
 }
 
@@ -97,15 +99,10 @@ void demoSelfSigned(std::ostream& out) {
 
     fc::TrustStore trustingIt;
     trustingIt.addCertificate(certificate);
-    const fc::CertificateValidationOptions strict(
-        fc::CertificateValidationOptions::AllowSelfSignedCertificate::No,
-        fc::CertificateValidationOptions::AllowExpiredCertificate::No,
-        fc::CertificateValidationOptions::AllowRevokedCertificate::No,
-        fc::CertificateValidationOptions::CheckCRL::None,
-        fc::CertificateValidationOptions::DownloadCRL::No);
     out << "\nValidated against a trust store that holds it:\n";
     describeValidation(
-        certificate.validateCertificate(fc::X509CertificateChain(), strict, trustingIt), out);
+        certificate.validateCertificate(fc::X509CertificateChain(), strictOptions(), trustingIt),
+        out);
 
     const fc::PKCS12Certificate opened(pkcs12, "demo passphrase");
     const auto key = opened.getPrivateKeyInfo();

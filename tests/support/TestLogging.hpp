@@ -3,6 +3,8 @@
 
 #include <foundation/log/DiagnosticLogger.hpp>
 
+#include <boost/log/core/record_view.hpp>
+#include <boost/log/expressions/filter.hpp>
 #include <boost/log/sinks/basic_sink_backend.hpp>
 #include <boost/log/sinks/sync_frontend.hpp>
 #include <boost/shared_ptr.hpp>
@@ -38,6 +40,7 @@ class LogCapture {
     LogCapture& operator=(const LogCapture&) = delete;
 
     std::vector<CapturedRecord> records() const { return backend_->records(); }
+    void setFilter(const boost::log::filter& filter) { sink_->set_filter(filter); }
 
   private:
     boost::shared_ptr<CapturingBackend> backend_;
