@@ -2,8 +2,8 @@
 //   seed_corpus DIR   creates DIR/<target>/<name> files.
 #include "support/TestCertificates.hpp"
 #include "support/TestKeys.hpp"
-#include "support/TestPKCS7.hpp"
 #include "support/TestPKCS12.hpp"
+#include "support/TestPKCS7.hpp"
 
 #include <filesystem>
 #include <fstream>
@@ -24,9 +24,9 @@ void write(const fs::path& directory, const std::string& name,
 }
 
 // The PKCS#12 target's framing: passphrase length, passphrase, container.
-std::string pkcs12Input(const testsupport::PKCS12Spec& spec) {
-    const foundation::certificates::ByteArray der = testsupport::makePKCS12(spec);
-    return std::string(1, static_cast<char>(spec.passphrase.size())) + spec.passphrase +
+std::string pkcs12Input(const testsupport::PKCS12Recipe& recipe) {
+    const foundation::certificates::ByteArray der = testsupport::makePKCS12(recipe);
+    return std::string(1, static_cast<char>(recipe.passphrase.size())) + recipe.passphrase +
            std::string(der.begin(), der.end());
 }
 
@@ -45,7 +45,7 @@ int main(int argc, char** argv) {
     write(certificates, "rsa-leaf.der", testsupport::toDER(rsa.leaf.get()));
     write(certificates, "rsa-root.pem", testsupport::toPEM(rsa.root.get()));
     write(certificates, "ec-leaf.pem", testsupport::toPEM(ec.leaf.get()));
-    testsupport::CertificateSpec ed25519;
+    testsupport::CertificateRecipe ed25519;
     ed25519.key = testsupport::sharedKey(testsupport::KeyKind::Ed25519);
     write(certificates, "ed25519.der",
           testsupport::toDER(testsupport::makeCertificate(ed25519).get()));
@@ -61,7 +61,7 @@ int main(int argc, char** argv) {
           testsupport::pkcs7ToPEM(testsupport::makeCertificateBundle(
                                       {rsa.leaf.get(), rsa.intermediate.get(), rsa.root.get()})
                                       .get()));
-    testsupport::SignatureSpec attached;
+    testsupport::SignatureRecipe attached;
     attached.signer = &testsupport::chainedSigner();
     attached.extraCertificates = {rsa.intermediate.get()};
     const std::string content = "signed content\n";
@@ -72,26 +72,26 @@ int main(int argc, char** argv) {
                   .get()));
 
     using testsupport::KeyKind;
-    using testsupport::PKCS12Spec;
+    using testsupport::PKCS12Recipe;
     const fs::path pkcs12 = root / "fuzz_pkcs12";
-    PKCS12Spec full;
+    PKCS12Recipe full;
     full.key = rsa.leafKey.get();
     full.certificate = rsa.leaf.get();
     full.caChain = {rsa.intermediate.get(), rsa.root.get()};
     write(pkcs12, "rsa-chain", pkcs12Input(full));
-    PKCS12Spec legacy = full;
+    PKCS12Recipe legacy = full;
     legacy.algorithms = testsupport::PKCS12Algorithms::Legacy;
     write(pkcs12, "rsa-legacy", pkcs12Input(legacy));
-    PKCS12Spec p256;
+    PKCS12Recipe p256;
     p256.key = testsupport::sharedKey(KeyKind::P256);
     const auto p256Certificate = testsupport::selfSignedFor(p256.key);
     p256.certificate = p256Certificate.get();
     p256.passphrase = "";
     write(pkcs12, "p256-empty-passphrase", pkcs12Input(p256));
-    PKCS12Spec ed25519Key;
+    PKCS12Recipe ed25519Key;
     ed25519Key.key = testsupport::sharedKey(KeyKind::Ed25519);
     write(pkcs12, "ed25519-key-only", pkcs12Input(ed25519Key));
-    PKCS12Spec certificatesOnly;
+    PKCS12Recipe certificatesOnly;
     certificatesOnly.certificate = p256.certificate;
     certificatesOnly.caChain = {rsa.root.get()};
     write(pkcs12, "certificates-only", pkcs12Input(certificatesOnly));

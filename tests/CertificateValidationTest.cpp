@@ -81,18 +81,18 @@ struct ValidationPKI {
     fc::X509UPtr issue(const std::string& cn, X509* issuer, EVP_PKEY* issuerKey, EVP_PKEY* key,
                        const std::string& serial, const std::string& list, bool ca,
                        long notBefore = -3600, long notAfter = 365 * testsupport::kDay) const {
-        testsupport::CertificateSpec spec;
-        spec.subject = {{"O", "Foundation Test"}, {"CN", cn}};
-        spec.key = key;
-        spec.issuer = issuer;
-        spec.issuerKey = issuerKey;
-        spec.serialHex = serial;
-        spec.ca = ca;
-        spec.notBeforeOffset = notBefore;
-        spec.notAfterOffset = notAfter;
-        spec.extensions = {
+        testsupport::CertificateRecipe recipe;
+        recipe.subject = {{"O", "Foundation Test"}, {"CN", cn}};
+        recipe.key = key;
+        recipe.issuer = issuer;
+        recipe.issuerKey = issuerKey;
+        recipe.serialHex = serial;
+        recipe.ca = ca;
+        recipe.notBeforeOffset = notBefore;
+        recipe.notAfterOffset = notAfter;
+        recipe.extensions = {
             {NID_crl_distribution_points, "URI:http://" + std::string(kServer) + "/" + list}};
-        return testsupport::makeCertificate(spec);
+        return testsupport::makeCertificate(recipe);
     }
 
     X509Certificate leafCertificate(const std::string& cn, const std::string& serial,
@@ -106,30 +106,30 @@ struct ValidationPKI {
 
     // Names the intermediate as issuer, but the signature is the root's.
     X509Certificate signedByRoot(const std::string& cn) const {
-        testsupport::CertificateSpec spec;
-        spec.subject = {{"O", "Foundation Test"}, {"CN", cn}};
-        spec.key = base.leafKey.get();
-        spec.issuer = intermediateX509.get();
-        spec.issuerKey = base.rootKey.get();
-        return X509Certificate(testsupport::toPEM(testsupport::makeCertificate(spec).get()));
+        testsupport::CertificateRecipe recipe;
+        recipe.subject = {{"O", "Foundation Test"}, {"CN", cn}};
+        recipe.key = base.leafKey.get();
+        recipe.issuer = intermediateX509.get();
+        recipe.issuerKey = base.rootKey.get();
+        return X509Certificate(testsupport::toPEM(testsupport::makeCertificate(recipe).get()));
     }
 
     X509Certificate selfSignedLeaf() const {
-        testsupport::CertificateSpec spec;
-        spec.subject = {{"CN", "self.example.test"}};
-        spec.key = testsupport::sharedKey(testsupport::KeyKind::P256);
-        return X509Certificate(testsupport::toPEM(testsupport::makeCertificate(spec).get()));
+        testsupport::CertificateRecipe recipe;
+        recipe.subject = {{"CN", "self.example.test"}};
+        recipe.key = testsupport::sharedKey(testsupport::KeyKind::P256);
+        return X509Certificate(testsupport::toPEM(testsupport::makeCertificate(recipe).get()));
     }
 
     fc::ByteArray list(EVP_PKEY* signer, X509* issuer,
                        std::vector<testsupport::RevokedEntry> entries,
                        long nextUpdate = 7 * testsupport::kDay) const {
-        testsupport::CRLSpec spec;
-        spec.issuer = issuer;
-        spec.signingKey = signer;
-        spec.revoked = std::move(entries);
-        spec.nextUpdateOffset = nextUpdate;
-        return testsupport::crlToDER(testsupport::makeCRL(spec).get());
+        testsupport::CRLRecipe recipe;
+        recipe.issuer = issuer;
+        recipe.signingKey = signer;
+        recipe.revoked = std::move(entries);
+        recipe.nextUpdateOffset = nextUpdate;
+        return testsupport::crlToDER(testsupport::makeCRL(recipe).get());
     }
 
     fc::TrustStore trustingRoot() const {

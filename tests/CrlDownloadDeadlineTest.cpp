@@ -22,12 +22,12 @@ TEST(CrlDownloadDeadline, SilentServerIsGivenUpAfterSixtySeconds) {
     if (!server.running()) GTEST_SKIP() << server.failure();
 
     const auto& pki = testsupport::rsaPKI();
-    testsupport::CertificateSpec spec;
-    spec.key = pki.leafKey.get();
-    spec.issuer = pki.intermediate.get();
-    spec.issuerKey = pki.intermediateKey.get();
-    spec.extensions = {{NID_crl_distribution_points, "URI:" + server.url("leaf.crl")}};
-    const fc::X509Certificate leaf(testsupport::toDER(testsupport::makeCertificate(spec).get()));
+    testsupport::CertificateRecipe recipe;
+    recipe.key = pki.leafKey.get();
+    recipe.issuer = pki.intermediate.get();
+    recipe.issuerKey = pki.intermediateKey.get();
+    recipe.extensions = {{NID_crl_distribution_points, "URI:" + server.url("leaf.crl")}};
+    const fc::X509Certificate leaf(testsupport::toDER(testsupport::makeCertificate(recipe).get()));
 
     fc::detail::StoreUPtr store(X509_STORE_new(), X509_STORE_free);
     std::vector<fc::X509CRLUPtr> crls;

@@ -1,9 +1,9 @@
 // Fetching revocation lists from real servers on loopback addresses.
 #include "CrlDownload.hpp"
 #include "support/Expectations.hpp"
+#include "support/TemporaryFileProbe.hpp"
 #include "support/TestCRLs.hpp"
 #include "support/TestCertificates.hpp"
-#include "support/TemporaryFileProbe.hpp"
 #include "support/TestHttpServers.hpp"
 
 #include <foundation/certificates/Exceptions.hpp>
@@ -33,24 +33,24 @@ class CrlDownloadTest : public ::testing::Test {
 
     // A leaf issued by the test intermediate, with the given distribution points.
     fc::X509Certificate leafWith(const std::string& distributionPoints) const {
-        testsupport::CertificateSpec spec;
-        spec.key = pki.leafKey.get();
-        spec.issuer = pki.intermediate.get();
-        spec.issuerKey = pki.intermediateKey.get();
-        spec.serialHex = "51";
+        testsupport::CertificateRecipe recipe;
+        recipe.key = pki.leafKey.get();
+        recipe.issuer = pki.intermediate.get();
+        recipe.issuerKey = pki.intermediateKey.get();
+        recipe.serialHex = "51";
         if (!distributionPoints.empty()) {
-            spec.extensions = {{NID_crl_distribution_points, distributionPoints}};
+            recipe.extensions = {{NID_crl_distribution_points, distributionPoints}};
         }
-        return fc::X509Certificate(testsupport::toDER(testsupport::makeCertificate(spec).get()));
+        return fc::X509Certificate(testsupport::toDER(testsupport::makeCertificate(recipe).get()));
     }
 
     fc::ByteArray crlDER(EVP_PKEY* signer, std::optional<long> nextUpdate = 7L * 86400) const {
-        testsupport::CRLSpec spec;
-        spec.issuer = pki.intermediate.get();
-        spec.signingKey = signer;
-        spec.nextUpdateOffset = nextUpdate;
-        spec.revoked = {{"51", 1700000000}};
-        return testsupport::crlToDER(testsupport::makeCRL(spec).get());
+        testsupport::CRLRecipe recipe;
+        recipe.issuer = pki.intermediate.get();
+        recipe.signingKey = signer;
+        recipe.nextUpdateOffset = nextUpdate;
+        recipe.revoked = {{"51", 1700000000}};
+        return testsupport::crlToDER(testsupport::makeCRL(recipe).get());
     }
 
     // Downloads the leaf's list in the mode and returns whether it was accepted.
@@ -200,10 +200,10 @@ TEST_F(ServedLists, ListWithoutNextUpdateIsRefused) {
 }
 
 TEST_F(ServedLists, PEMListIsNotAccepted) {
-    testsupport::CRLSpec spec;
-    spec.issuer = pki.intermediate.get();
-    spec.signingKey = pki.intermediateKey.get();
-    server.put("leaf.crl", testsupport::crlToPEM(testsupport::makeCRL(spec).get()));
+    testsupport::CRLRecipe recipe;
+    recipe.issuer = pki.intermediate.get();
+    recipe.signingKey = pki.intermediateKey.get();
+    server.put("leaf.crl", testsupport::crlToPEM(testsupport::makeCRL(recipe).get()));
     expectFailure(leafWith("URI:" + server.url("leaf.crl")), kInvalidList);
 }
 

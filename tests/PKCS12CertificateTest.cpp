@@ -23,7 +23,7 @@ using fc::X509Certificate;
 using testsupport::KeyKind;
 using testsupport::kPKCS12Passphrase;
 using testsupport::PKCS12Algorithms;
-using testsupport::PKCS12Spec;
+using testsupport::PKCS12Recipe;
 
 namespace {
 
@@ -58,18 +58,18 @@ class PKCS12WithChain : public ::testing::TestWithParam<PKCS12Algorithms> {
   protected:
     const testsupport::TestPKI& pki = testsupport::rsaPKI();
 
-    PKCS12Spec fullSpec() const {
-        PKCS12Spec spec;
-        spec.key = pki.leafKey.get();
-        spec.certificate = pki.leaf.get();
-        spec.caChain = {pki.intermediate.get(), pki.root.get()};
-        spec.algorithms = GetParam();
-        return spec;
+    PKCS12Recipe fullRecipe() const {
+        PKCS12Recipe recipe;
+        recipe.key = pki.leafKey.get();
+        recipe.certificate = pki.leaf.get();
+        recipe.caChain = {pki.intermediate.get(), pki.root.get()};
+        recipe.algorithms = GetParam();
+        return recipe;
     }
 };
 
 TEST_P(PKCS12WithChain, OpensIntoTheLibrarysTypes) {
-    const ByteArray der = testsupport::makePKCS12(fullSpec());
+    const ByteArray der = testsupport::makePKCS12(fullRecipe());
     const PKCS12Certificate container(der, kPKCS12Passphrase);
 
     EXPECT_FALSE(container.empty());
@@ -91,7 +91,7 @@ TEST_P(PKCS12WithChain, OpensIntoTheLibrarysTypes) {
 }
 
 TEST_P(PKCS12WithChain, WrongPassphraseIsReportedBeforeAnythingIsParsed) {
-    const ByteArray der = testsupport::makePKCS12(fullSpec());
+    const ByteArray der = testsupport::makePKCS12(fullRecipe());
     // OpenSSL 3.0 queues no error for a MAC that does not match: the reason is empty.
     for (const std::string& passphrase : {kWrongPassphrase, std::string()}) {
         EXPECT_THROW_MSG(PKCS12Certificate(der, passphrase), fc::IncorrectPassphrase,
@@ -101,17 +101,17 @@ TEST_P(PKCS12WithChain, WrongPassphraseIsReportedBeforeAnythingIsParsed) {
 }
 
 TEST_P(PKCS12WithChain, EmptyPassphraseIsAPassphrase) {
-    PKCS12Spec spec = fullSpec();
-    spec.passphrase = "";
-    const ByteArray der = testsupport::makePKCS12(spec);
+    PKCS12Recipe recipe = fullRecipe();
+    recipe.passphrase = "";
+    const ByteArray der = testsupport::makePKCS12(recipe);
     EXPECT_EQ(PKCS12Certificate(der, "").getCertificate(), toCertificate(pki.leaf.get()));
     EXPECT_THROW(PKCS12Certificate(der, kWrongPassphrase), fc::IncorrectPassphrase);
 }
 
 TEST_P(PKCS12WithChain, NoMACMeansNoPassphraseOpensIt) {
-    PKCS12Spec spec = fullSpec();
-    spec.mac = false;
-    const ByteArray der = testsupport::makePKCS12(spec);
+    PKCS12Recipe recipe = fullRecipe();
+    recipe.mac = false;
+    const ByteArray der = testsupport::makePKCS12(recipe);
     for (const std::string& passphrase : {std::string(kPKCS12Passphrase), kWrongPassphrase}) {
         EXPECT_THROW_MSG(PKCS12Certificate(der, passphrase), fc::IncorrectPassphrase,
                          "Input passphrase is incorrect. OpenSSL error message=mac absent");
@@ -119,7 +119,7 @@ TEST_P(PKCS12WithChain, NoMACMeansNoPassphraseOpensIt) {
 }
 
 TEST_P(PKCS12WithChain, GetAsBytesOpensAgainToAnEqualContainer) {
-    const PKCS12Certificate container(testsupport::makePKCS12(fullSpec()), kPKCS12Passphrase);
+    const PKCS12Certificate container(testsupport::makePKCS12(fullRecipe()), kPKCS12Passphrase);
     const PKCS12Certificate again(container.getAsBytes(), kPKCS12Passphrase);
     EXPECT_EQ(again, container);
     EXPECT_FALSE(again != container);
@@ -133,32 +133,33 @@ INSTANTIATE_TEST_SUITE_P(Algorithms, PKCS12WithChain,
 
 TEST(PKCS12Provider, OpeningLoadsTheLegacyProviderForTheWholeProcess) {
     const testsupport::TestPKI& pki = testsupport::rsaPKI();
-    PKCS12Spec spec;
-    spec.certificate = pki.root.get();
-    const PKCS12Certificate container(testsupport::makePKCS12(spec), kPKCS12Passphrase);
+    PKCS12Recipe recipe;
+    recipe.certificate = pki.root.get();
+    const PKCS12Certificate container(testsupport::makePKCS12(recipe), kPKCS12Passphrase);
     EXPECT_EQ(OSSL_PROVIDER_available(nullptr, "legacy"), 1);
     // The default provider stays active next to it.
     EXPECT_EQ(OSSL_PROVIDER_available(nullptr, "default"), 1);
-    EXPECT_NO_THROW(PKCS12Certificate(testsupport::makePKCS12(spec), kPKCS12Passphrase));
+    EXPECT_NO_THROW(PKCS12Certificate(testsupport::makePKCS12(recipe), kPKCS12Passphrase));
 }
 
 TEST(PKCS12Contents, KeyOnly) {
-    PKCS12Spec spec;
-    spec.key = testsupport::sharedKey(KeyKind::RSA2048);
-    const PKCS12Certificate container(testsupport::makePKCS12(spec), kPKCS12Passphrase);
+    PKCS12Recipe recipe;
+    recipe.key = testsupport::sharedKey(KeyKind::RSA2048);
+    const PKCS12Certificate container(testsupport::makePKCS12(recipe), kPKCS12Passphrase);
     EXPECT_TRUE(container.getCertificate().empty());
     EXPECT_TRUE(container.getCAChain().empty());
     ASSERT_TRUE(container.getPrivateKeyInfo().has_value());
-    EXPECT_EQ(container.getPrivateExponent(), bigNumberParameter(spec.key, OSSL_PKEY_PARAM_RSA_D));
+    EXPECT_EQ(container.getPrivateExponent(),
+              bigNumberParameter(recipe.key, OSSL_PKEY_PARAM_RSA_D));
 }
 
 TEST(PKCS12Contents, CertificatesOnlyGoToTheChain) {
     // Without a key nothing pairs with a certificate, so OpenSSL hands every one back as "other".
     const testsupport::TestPKI& pki = testsupport::rsaPKI();
-    PKCS12Spec spec;
-    spec.certificate = pki.leaf.get();
-    spec.caChain = {pki.root.get()};
-    const PKCS12Certificate container(testsupport::makePKCS12(spec), kPKCS12Passphrase);
+    PKCS12Recipe recipe;
+    recipe.certificate = pki.leaf.get();
+    recipe.caChain = {pki.root.get()};
+    const PKCS12Certificate container(testsupport::makePKCS12(recipe), kPKCS12Passphrase);
     EXPECT_TRUE(container.getCertificate().empty());
     EXPECT_EQ(container.getCAChain().getCertificates(),
               (std::vector<X509Certificate>{toCertificate(pki.leaf.get()),
@@ -172,10 +173,10 @@ class PKCS12EllipticCurve : public ::testing::Test {
     static PKCS12Certificate open(KeyKind kind) {
         EVP_PKEY* key = testsupport::sharedKey(kind);
         const fc::X509UPtr certificate = testsupport::selfSignedFor(key);
-        PKCS12Spec spec;
-        spec.key = key;
-        spec.certificate = certificate.get();
-        return PKCS12Certificate(testsupport::makePKCS12(spec), kPKCS12Passphrase);
+        PKCS12Recipe recipe;
+        recipe.key = key;
+        recipe.certificate = certificate.get();
+        return PKCS12Certificate(testsupport::makePKCS12(recipe), kPKCS12Passphrase);
     }
 };
 
@@ -215,19 +216,19 @@ TEST_F(PKCS12EllipticCurve, P384CertificateIsRefusedWithItsCurve) {
 TEST(PKCS12WeakRSA, CertificateIsCheckedBeforeTheKey) {
     EVP_PKEY* key = testsupport::sharedKey(KeyKind::RSA512);
     const fc::X509UPtr certificate = testsupport::selfSignedFor(key);
-    PKCS12Spec spec;
-    spec.key = key;
-    spec.certificate = certificate.get();
-    EXPECT_THROW_MSG(PKCS12Certificate(testsupport::makePKCS12(spec), kPKCS12Passphrase),
+    PKCS12Recipe recipe;
+    recipe.key = key;
+    recipe.certificate = certificate.get();
+    EXPECT_THROW_MSG(PKCS12Certificate(testsupport::makePKCS12(recipe), kPKCS12Passphrase),
                      fc::PKCS12CertificateException,
                      "Error: Unable to parse X509 certificate(s) inside PKCS12 certificate.RSA key "
                      "size does not meet minimum cryptographic requirements");
 }
 
 TEST(PKCS12WeakRSA, KeyAloneIsCheckedToo) {
-    PKCS12Spec spec;
-    spec.key = testsupport::sharedKey(KeyKind::RSA512);
-    EXPECT_THROW_MSG(PKCS12Certificate(testsupport::makePKCS12(spec), kPKCS12Passphrase),
+    PKCS12Recipe recipe;
+    recipe.key = testsupport::sharedKey(KeyKind::RSA512);
+    EXPECT_THROW_MSG(PKCS12Certificate(testsupport::makePKCS12(recipe), kPKCS12Passphrase),
                      fc::PKCS12CertificateException,
                      "RSA key size does not meet minimum cryptographic requirements");
     EXPECT_EQ(ERR_peek_error(), 0u);
@@ -248,9 +249,9 @@ TEST(PKCS12BadInput, EmptyAndUnreadableInput) {
 TEST(PKCS12BadInput, NotDERPKCS12) {
     const testsupport::TestPKI& pki = testsupport::rsaPKI();
     const std::string pem = testsupport::toPEM(pki.root.get());
-    PKCS12Spec spec;
-    spec.certificate = pki.root.get();
-    ByteArray truncated = testsupport::makePKCS12(spec);
+    PKCS12Recipe recipe;
+    recipe.certificate = pki.root.get();
+    ByteArray truncated = testsupport::makePKCS12(recipe);
     truncated.resize(truncated.size() / 2);
     for (const ByteArray& der :
          {ByteArray(pem.begin(), pem.end()), testsupport::toDER(pki.root.get()), truncated}) {
@@ -264,10 +265,10 @@ TEST(PKCS12BadInput, NotDERPKCS12) {
 
 TEST(PKCS12ErrorQueue, EmptyAfterEveryLoad) {
     const testsupport::TestPKI& pki = testsupport::rsaPKI();
-    PKCS12Spec spec;
-    spec.key = pki.leafKey.get();
-    spec.certificate = pki.leaf.get();
-    const ByteArray der = testsupport::makePKCS12(spec);
+    PKCS12Recipe recipe;
+    recipe.key = pki.leafKey.get();
+    recipe.certificate = pki.leaf.get();
+    const ByteArray der = testsupport::makePKCS12(recipe);
     const ByteArray garbage{0x30, 0x03, 0x02, 0x01};
 
     const std::vector<std::function<void()>> loads = {
@@ -297,11 +298,11 @@ class PKCS12Value : public ::testing::Test {
     PKCS12Certificate container{makeWith({pki.intermediate.get()}), kPKCS12Passphrase};
 
     ByteArray makeWith(const std::vector<X509*>& chain) const {
-        PKCS12Spec spec;
-        spec.key = pki.leafKey.get();
-        spec.certificate = pki.leaf.get();
-        spec.caChain = chain;
-        return testsupport::makePKCS12(spec);
+        PKCS12Recipe recipe;
+        recipe.key = pki.leafKey.get();
+        recipe.certificate = pki.leaf.get();
+        recipe.caChain = chain;
+        return testsupport::makePKCS12(recipe);
     }
 };
 

@@ -40,9 +40,9 @@ class PKCS7Test : public ::testing::Test {
     // Binary content: line ends and NUL bytes must come back unchanged.
     const ByteArray content = bytesOf(std::string("signed\r\ncontent\n\0end", 20));
 
-    std::string signature(testsupport::SignatureSpec spec) const {
-        spec.signer = &signer;
-        return testsupport::pkcs7ToPEM(testsupport::makeSignature(spec, content).get());
+    std::string signature(testsupport::SignatureRecipe recipe) const {
+        recipe.signer = &signer;
+        return testsupport::pkcs7ToPEM(testsupport::makeSignature(recipe, content).get());
     }
 
     void TearDown() override { ERR_clear_error(); }
@@ -116,7 +116,7 @@ TEST_F(PKCS7Test, OtherParseFailuresCarryOpenSSLsReason) {
 }
 
 TEST_F(PKCS7Test, RefusedCertificateFailsTheWholeStructure) {
-    testsupport::CertificateSpec weak;
+    testsupport::CertificateRecipe weak;
     weak.key = testsupport::sharedKey(testsupport::KeyKind::RSA512);
     const fc::X509UPtr weakCertificate = testsupport::makeCertificate(weak);
     const testsupport::PKCS7Ptr structure =
@@ -143,7 +143,7 @@ TEST_F(PKCS7Test, RefusesEmptyAndUnreadableInput) {
 }
 
 TEST_F(PKCS7Test, StructureWithoutCertificatesIsEmpty) {
-    testsupport::SignatureSpec noCertificates;
+    testsupport::SignatureRecipe noCertificates;
     noCertificates.withCertificates = false;
     for (const std::string& pem :
          {testsupport::pkcs7ToPEM(testsupport::makeCertificateBundle({}).get()),
@@ -259,7 +259,7 @@ TEST_F(PKCS7Test, SignerCertificatesComeOnlyFromSignerInformation) {
     EXPECT_NE(ERR_peek_error(), 0u);  // left for the caller
     ERR_clear_error();
 
-    testsupport::SignatureSpec withIntermediate;
+    testsupport::SignatureRecipe withIntermediate;
     withIntermediate.extraCertificates = {pki.intermediate.get()};
     const PKCS7Certificate signed_(signature(withIntermediate));
     EXPECT_EQ(signed_.getCertificates(),
@@ -267,13 +267,13 @@ TEST_F(PKCS7Test, SignerCertificatesComeOnlyFromSignerInformation) {
     EXPECT_EQ(signed_.getSignerCerts().getCertificates(),
               std::vector<X509Certificate>{signerCertificate});
 
-    testsupport::SignatureSpec detached;
+    testsupport::SignatureRecipe detached;
     detached.detached = true;
     EXPECT_EQ(PKCS7Certificate(signature(detached)).getSignerCerts().getCertificates(),
               std::vector<X509Certificate>{signerCertificate});
 
     // The signer's certificate is looked up only inside the structure.
-    testsupport::SignatureSpec noCertificates;
+    testsupport::SignatureRecipe noCertificates;
     noCertificates.withCertificates = false;
     PKCS7Certificate unsigned_(signature(noCertificates));
     unsigned_.addCertificate(signerCertificate);
@@ -285,21 +285,21 @@ TEST_F(PKCS7Test, SignedDataIsTheAttachedContentOnceItVerifies) {
     for (const testsupport::Signer* anySigner :
          {&testsupport::chainedSigner(), &testsupport::directSigner(),
           &testsupport::expiredSigner(), &testsupport::selfSignedSigner()}) {
-        testsupport::SignatureSpec spec;
-        spec.signer = anySigner;
+        testsupport::SignatureRecipe recipe;
+        recipe.signer = anySigner;
         const PKCS7Certificate signed_(
-            testsupport::pkcs7ToDER(testsupport::makeSignature(spec, content).get()));
+            testsupport::pkcs7ToDER(testsupport::makeSignature(recipe, content).get()));
         EXPECT_EQ(signed_.getSignedData(), content);
         EXPECT_EQ(signed_.getSignerCerts().getCertificates(),
                   std::vector<X509Certificate>{
                       X509Certificate(testsupport::toPEM(anySigner->certificate.get()))});
     }
 
-    testsupport::SignatureSpec detached;
+    testsupport::SignatureRecipe detached;
     detached.detached = true;
-    testsupport::SignatureSpec altered;
+    testsupport::SignatureRecipe altered;
     altered.alterContent = true;
-    testsupport::SignatureSpec noCertificates;
+    testsupport::SignatureRecipe noCertificates;
     noCertificates.withCertificates = false;
     for (const std::string& pem :
          {signature(detached), signature(altered), signature(noCertificates), bundlePem}) {
@@ -314,7 +314,7 @@ TEST_F(PKCS7Test, SignedDataIsTheAttachedContentOnceItVerifies) {
 using PKCS7Concurrency = PKCS7Test;
 
 TEST_F(PKCS7Concurrency, SharedCertificatesStayReadableDuringSignatureWork) {
-    testsupport::SignatureSpec withIntermediate;
+    testsupport::SignatureRecipe withIntermediate;
     withIntermediate.extraCertificates = {pki.intermediate.get()};
     const PKCS7Certificate shared(signature(withIntermediate));
     const std::vector<X509Certificate> handedOut = shared.getCertificates();

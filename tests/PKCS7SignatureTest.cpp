@@ -75,25 +75,25 @@ class PKCS7SignatureTest : public ::testing::Test {
     const TrustStore trustingRoot = trusting({root});
     const ByteArray content{'s', 'i', 'g', 'n', 'e', 'd', '\r', '\n', 0, 'e', 'n', 'd'};
 
-    static testsupport::SignatureSpec by(const testsupport::Signer& signer) {
-        testsupport::SignatureSpec spec;
-        spec.signer = &signer;
-        return spec;
+    static testsupport::SignatureRecipe by(const testsupport::Signer& signer) {
+        testsupport::SignatureRecipe recipe;
+        recipe.signer = &signer;
+        return recipe;
     }
-    static testsupport::SignatureSpec detachedBy(const testsupport::Signer& signer) {
-        testsupport::SignatureSpec spec = by(signer);
-        spec.detached = true;
-        return spec;
+    static testsupport::SignatureRecipe detachedBy(const testsupport::Signer& signer) {
+        testsupport::SignatureRecipe recipe = by(signer);
+        recipe.detached = true;
+        return recipe;
     }
     // The signer's intermediate travels inside the structure.
-    static testsupport::SignatureSpec withIntermediate(testsupport::SignatureSpec spec) {
-        spec.extraCertificates = {testsupport::rsaPKI().intermediate.get()};
-        return spec;
+    static testsupport::SignatureRecipe withIntermediate(testsupport::SignatureRecipe recipe) {
+        recipe.extraCertificates = {testsupport::rsaPKI().intermediate.get()};
+        return recipe;
     }
 
-    PKCS7Certificate sign(const testsupport::SignatureSpec& spec) const {
+    PKCS7Certificate sign(const testsupport::SignatureRecipe& recipe) const {
         return PKCS7Certificate(
-            testsupport::pkcs7ToDER(testsupport::makeSignature(spec, content).get()));
+            testsupport::pkcs7ToDER(testsupport::makeSignature(recipe, content).get()));
     }
 
     void SetUp() override { ERR_clear_error(); }
@@ -127,7 +127,7 @@ TEST_F(PKCS7SignatureTest, ContentThatDoesNotMatchFailsTheSignature) {
                   CertificateChainStatus::ValidationFailed, "no content");
     ERR_clear_error();
 
-    testsupport::SignatureSpec alteredInside = withIntermediate(by(testsupport::chainedSigner()));
+    testsupport::SignatureRecipe alteredInside = withIntermediate(by(testsupport::chainedSigner()));
     alteredInside.alterContent = true;
     expectOutcome(sign(alteredInside).verifySignature(X509CertificateChain(), trustingRoot, {}),
                   false, CertificateChainStatus::ValidationFailed, "digest failure");
@@ -209,7 +209,7 @@ TEST_F(PKCS7SignatureTest, ChainArgumentCompletesThePath) {
 }
 
 TEST_F(PKCS7SignatureTest, SignerCertificateMayComeFromTheChainArgumentOnly) {
-    testsupport::SignatureSpec noCertificates = by(testsupport::chainedSigner());
+    testsupport::SignatureRecipe noCertificates = by(testsupport::chainedSigner());
     noCertificates.withCertificates = false;
     const PKCS7Certificate pkcs7 = sign(noCertificates);
     const X509CertificateChain chain =

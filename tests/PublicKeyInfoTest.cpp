@@ -19,9 +19,9 @@ using testsupport::KeyKind;
 namespace {
 
 X509Certificate certificateWith(KeyKind kind) {
-    testsupport::CertificateSpec spec;
-    spec.key = testsupport::sharedKey(kind);
-    const fc::X509UPtr x = testsupport::makeCertificate(spec);
+    testsupport::CertificateRecipe recipe;
+    recipe.key = testsupport::sharedKey(kind);
+    const fc::X509UPtr x = testsupport::makeCertificate(recipe);
     return X509Certificate(testsupport::toDER(x.get()));
 }
 

@@ -71,10 +71,10 @@ TEST_F(ChainTest, OneDamagedBlockFailsTheWholeChain) {
 }
 
 TEST_F(ChainTest, CRLBlocksShareARecordWithTheirNeighbour) {
-    testsupport::CRLSpec spec;
-    spec.issuer = pki.root.get();
-    spec.signingKey = pki.rootKey.get();
-    const std::string crlPem = testsupport::crlToPEM(testsupport::makeCRL(spec).get());
+    testsupport::CRLRecipe recipe;
+    recipe.issuer = pki.root.get();
+    recipe.signingKey = pki.rootKey.get();
+    const std::string crlPem = testsupport::crlToPEM(testsupport::makeCRL(recipe).get());
 
     // Filed into the certificate's record: one certificate.
     EXPECT_EQ(X509CertificateChain(rootPem + crlPem).getCertificates(),
@@ -87,7 +87,7 @@ TEST_F(ChainTest, CRLBlocksShareARecordWithTheirNeighbour) {
 }
 
 TEST_F(ChainTest, WeakKeysInsideTheTextAreRefused) {
-    testsupport::CertificateSpec weak;
+    testsupport::CertificateRecipe weak;
     weak.key = testsupport::sharedKey(testsupport::KeyKind::RSA512);
     const std::string weakPem = testsupport::toPEM(testsupport::makeCertificate(weak).get());
     EXPECT_THROW_MSG(X509CertificateChain{leafPem + weakPem}, fc::X509CertificateChainException,

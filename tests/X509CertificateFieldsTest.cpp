@@ -16,21 +16,21 @@
 namespace fc = foundation::certificates;
 using fc::ByteArray;
 using fc::X509Certificate;
-using testsupport::CertificateSpec;
+using testsupport::CertificateRecipe;
 using testsupport::KeyKind;
 
 namespace {
 
-X509Certificate make(CertificateSpec spec) {
-    if (spec.key == nullptr) spec.key = testsupport::sharedKey(KeyKind::P256);
-    const fc::X509UPtr x = testsupport::makeCertificate(spec);
+X509Certificate make(CertificateRecipe recipe) {
+    if (recipe.key == nullptr) recipe.key = testsupport::sharedKey(KeyKind::P256);
+    const fc::X509UPtr x = testsupport::makeCertificate(recipe);
     return X509Certificate(testsupport::toDER(x.get()));
 }
 
 X509Certificate withSubject(std::vector<std::pair<std::string, std::string>> subject) {
-    CertificateSpec spec;
-    spec.subject = std::move(subject);
-    return make(spec);
+    CertificateRecipe recipe;
+    recipe.subject = std::move(subject);
+    return make(recipe);
 }
 
 std::string sha256Hex(const ByteArray& bytes) {
@@ -103,9 +103,9 @@ struct SerialCase {
 class SerialNumbers : public ::testing::TestWithParam<SerialCase> {};
 
 TEST_P(SerialNumbers, AreDecimal) {
-    CertificateSpec spec;
-    spec.serialHex = GetParam().hex;
-    EXPECT_EQ(make(spec).getSerialNumber(), GetParam().decimal);
+    CertificateRecipe recipe;
+    recipe.serialHex = GetParam().hex;
+    EXPECT_EQ(make(recipe).getSerialNumber(), GetParam().decimal);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -120,16 +120,16 @@ TEST(X509CertificateFields, SignatureAlgorithmIsOpenSSLsShortName) {
     EXPECT_EQ(X509Certificate(testsupport::toDER(testsupport::ecPKI().leaf.get()))
                   .getSignatureAlgorithm(),
               "ecdsa-with-SHA256");
-    CertificateSpec ed25519;
+    CertificateRecipe ed25519;
     ed25519.key = testsupport::sharedKey(KeyKind::Ed25519);
     EXPECT_EQ(make(ed25519).getSignatureAlgorithm(), "ED25519");
 }
 
 TEST(X509CertificateValidity, ConvertsToTextAndTimePoints) {
-    CertificateSpec spec;
-    spec.notBefore = 1704067200;  // 2024-01-01 00:00:00 UTC
-    spec.notAfter = 2556143999;   // 2050-12-31 23:59:59 UTC, a GeneralizedTime
-    const X509Certificate certificate = make(spec);
+    CertificateRecipe recipe;
+    recipe.notBefore = 1704067200;  // 2024-01-01 00:00:00 UTC
+    recipe.notAfter = 2556143999;   // 2050-12-31 23:59:59 UTC, a GeneralizedTime
+    const X509Certificate certificate = make(recipe);
     EXPECT_EQ(certificate.getValidNotBefore(), "Jan  1 00:00:00 2024 GMT");
     EXPECT_EQ(certificate.getValidNotAfter(), "Dec 31 23:59:59 2050 GMT");
     EXPECT_EQ(certificate.getValidNotBeforeTimePoint().time_since_epoch(),
@@ -139,9 +139,9 @@ TEST(X509CertificateValidity, ConvertsToTextAndTimePoints) {
 }
 
 TEST(X509CertificateValidity, TimesBeforeTheEpochAreNegative) {
-    CertificateSpec spec;
-    spec.notBefore = -1;  // 1969-12-31 23:59:59 UTC
-    const X509Certificate certificate = make(spec);
+    CertificateRecipe recipe;
+    recipe.notBefore = -1;  // 1969-12-31 23:59:59 UTC
+    const X509Certificate certificate = make(recipe);
     EXPECT_EQ(certificate.getValidNotBeforeTimePoint().time_since_epoch(),
               std::chrono::seconds(-1));
     EXPECT_EQ(certificate.getValidNotBefore(), "Dec 31 23:59:59 1969 GMT");
@@ -171,18 +171,18 @@ TEST(X509CertificateProperties, RootAndLeaf) {
 TEST(X509CertificateProperties, SelfSignedMeansEqualNamesOnly) {
     // Issued by another key, but under its own name: still "self-signed" by name.
     const auto& pki = testsupport::rsaPKI();
-    CertificateSpec spec;
-    spec.subject = {{"O", "Foundation Test"}, {"CN", "Foundation Test Root"}};
-    spec.key = testsupport::sharedKey(KeyKind::P256);
-    spec.issuer = pki.root.get();
-    spec.issuerKey = pki.rootKey.get();
-    EXPECT_TRUE(make(spec).isSelfSigned());
+    CertificateRecipe recipe;
+    recipe.subject = {{"O", "Foundation Test"}, {"CN", "Foundation Test Root"}};
+    recipe.key = testsupport::sharedKey(KeyKind::P256);
+    recipe.issuer = pki.root.get();
+    recipe.issuerKey = pki.rootKey.get();
+    EXPECT_TRUE(make(recipe).isSelfSigned());
 }
 
 TEST(X509CertificateProperties, VersionOneSelfSignedCountsAsCA) {
-    CertificateSpec spec;
-    spec.version = 0;
-    EXPECT_TRUE(make(spec).isCACertificate());
+    CertificateRecipe recipe;
+    recipe.version = 0;
+    EXPECT_TRUE(make(recipe).isCACertificate());
 }
 
 struct SigningCase {
@@ -194,9 +194,9 @@ struct SigningCase {
 class DigitalSigning : public ::testing::TestWithParam<SigningCase> {};
 
 TEST_P(DigitalSigning, NeedsTheKeyUsageBitAndCodeSigning) {
-    CertificateSpec spec;
-    spec.extensions = GetParam().extensions;
-    EXPECT_EQ(make(spec).isValidForDigitalSigning(), GetParam().valid);
+    CertificateRecipe recipe;
+    recipe.extensions = GetParam().extensions;
+    EXPECT_EQ(make(recipe).isValidForDigitalSigning(), GetParam().valid);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -229,10 +229,10 @@ TEST(X509CertificateEquality, ComparesByFingerprint) {
 }
 
 TEST(X509CertificatePrint, WritesTheSummary) {
-    CertificateSpec spec;
-    spec.subject = {{"O", "Printing Org"}, {"CN", "Printing Root"}};
-    spec.ca = true;
-    const X509Certificate certificate = make(spec);
+    CertificateRecipe recipe;
+    recipe.subject = {{"O", "Printing Org"}, {"CN", "Printing Root"}};
+    recipe.ca = true;
+    const X509Certificate certificate = make(recipe);
     std::ostringstream printed;
     printed << certificate;
     EXPECT_EQ(printed.str(),

@@ -99,10 +99,10 @@ INSTANTIATE_TEST_SUITE_P(X509Certificate, LoadingAllEncodings,
 // A certificate whose DER has exactly the given size, padded through a comment extension.
 X509Certificate certificateOfSize(std::size_t derSize) {
     for (std::size_t padding = 1; padding < 2000; ++padding) {
-        testsupport::CertificateSpec spec;
-        spec.key = testsupport::sharedKey(KeyKind::Ed25519);
-        spec.extensions = {{NID_netscape_comment, std::string(padding, 'x')}};
-        const fc::X509UPtr x = testsupport::makeCertificate(spec);
+        testsupport::CertificateRecipe recipe;
+        recipe.key = testsupport::sharedKey(KeyKind::Ed25519);
+        recipe.extensions = {{NID_netscape_comment, std::string(padding, 'x')}};
+        const fc::X509UPtr x = testsupport::makeCertificate(recipe);
         const ByteArray der = testsupport::toDER(x.get());
         if (der.size() == derSize) return X509Certificate(der);
         if (der.size() > derSize) break;
@@ -255,9 +255,9 @@ struct KeyRuleCase {
 class LoadTimeKeyCheck : public ::testing::TestWithParam<KeyRuleCase> {};
 
 TEST_P(LoadTimeKeyCheck, RefusesWeakAndUnsupportedKeys) {
-    testsupport::CertificateSpec spec;
-    spec.key = testsupport::sharedKey(GetParam().kind);
-    const fc::X509UPtr x = testsupport::makeCertificate(spec);
+    testsupport::CertificateRecipe recipe;
+    recipe.key = testsupport::sharedKey(GetParam().kind);
+    const fc::X509UPtr x = testsupport::makeCertificate(recipe);
     const ByteArray der = testsupport::toDER(x.get());
     if (GetParam().loads) {
         EXPECT_NO_THROW(X509Certificate{der});

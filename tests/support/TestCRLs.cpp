@@ -17,12 +17,13 @@ void require(bool ok, const char* what) {
 
 }  // namespace
 
-fc::X509CRLUPtr makeCRL(const CRLSpec& spec) {
-    require(spec.issuer != nullptr && spec.signingKey != nullptr, "issuer and key required");
+fc::X509CRLUPtr makeCRL(const CRLRecipe& recipe) {
+    require(recipe.issuer != nullptr && recipe.signingKey != nullptr, "issuer and key required");
     fc::X509CRLUPtr crl = fc::makeX509CRLUPtr(X509_CRL_new());
     require(crl != nullptr, "X509_CRL_new");
     require(X509_CRL_set_version(crl.get(), 1) == 1, "version");
-    require(X509_CRL_set_issuer_name(crl.get(), X509_get_subject_name(spec.issuer)) == 1, "issuer");
+    require(X509_CRL_set_issuer_name(crl.get(), X509_get_subject_name(recipe.issuer)) == 1,
+            "issuer");
 
     const auto setTime = [](long offset, int (*setter)(X509_CRL*, const ASN1_TIME*),
                             X509_CRL* list) {
@@ -32,10 +33,11 @@ fc::X509CRLUPtr makeCRL(const CRLSpec& spec) {
         ASN1_TIME_free(time);
         require(ok == 1, "setting time");
     };
-    setTime(spec.lastUpdateOffset, X509_CRL_set1_lastUpdate, crl.get());
-    if (spec.nextUpdateOffset) setTime(*spec.nextUpdateOffset, X509_CRL_set1_nextUpdate, crl.get());
+    setTime(recipe.lastUpdateOffset, X509_CRL_set1_lastUpdate, crl.get());
+    if (recipe.nextUpdateOffset)
+        setTime(*recipe.nextUpdateOffset, X509_CRL_set1_nextUpdate, crl.get());
 
-    for (const RevokedEntry& entry : spec.revoked) {
+    for (const RevokedEntry& entry : recipe.revoked) {
         X509_REVOKED* revoked = X509_REVOKED_new();
         require(revoked != nullptr, "X509_REVOKED_new");
         BIGNUM* serial = nullptr;
@@ -53,19 +55,19 @@ fc::X509CRLUPtr makeCRL(const CRLSpec& spec) {
         require(ok, "revoked entry");
     }
     require(X509_CRL_sort(crl.get()) == 1, "sort");
-    require(X509_CRL_sign(crl.get(), spec.signingKey, EVP_sha256()) > 0, "signing");
+    require(X509_CRL_sign(crl.get(), recipe.signingKey, EVP_sha256()) > 0, "signing");
     return crl;
 }
 
 fc::X509CRLUPtr makeCRL(X509* issuer, EVP_PKEY* issuerKey,
                         const std::vector<std::string>& revokedSerialsHex) {
-    CRLSpec spec;
-    spec.issuer = issuer;
-    spec.signingKey = issuerKey;
+    CRLRecipe recipe;
+    recipe.issuer = issuer;
+    recipe.signingKey = issuerKey;
     for (const std::string& serial : revokedSerialsHex) {
-        spec.revoked.push_back({serial, std::time(nullptr)});
+        recipe.revoked.push_back({serial, std::time(nullptr)});
     }
-    return makeCRL(spec);
+    return makeCRL(recipe);
 }
 
 fc::ByteArray crlToDER(const X509_CRL* crl) {

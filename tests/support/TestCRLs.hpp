@@ -16,7 +16,7 @@ struct RevokedEntry {
     std::time_t revocationDate;
 };
 
-struct CRLSpec {
+struct CRLRecipe {
     X509* issuer = nullptr;          // the issuer's name goes into the list
     EVP_PKEY* signingKey = nullptr;  // normally the issuer's key
     std::vector<RevokedEntry> revoked;
@@ -24,7 +24,7 @@ struct CRLSpec {
     std::optional<long> nextUpdateOffset = 7L * 86400;  // none: the list has no next update
 };
 
-foundation::certificates::X509CRLUPtr makeCRL(const CRLSpec& spec);
+foundation::certificates::X509CRLUPtr makeCRL(const CRLRecipe& recipe);
 
 // A list by the issuer, signed with its key, valid from an hour ago for a week, revoking the
 // given serial numbers (hex digits) as of now.

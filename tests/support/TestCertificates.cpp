@@ -47,7 +47,7 @@ TestPKI makePKI(KeyKind kind) {
     pki.intermediateKey = generateKey(kind);
     pki.leafKey = generateKey(kind);
 
-    CertificateSpec root;
+    CertificateRecipe root;
     root.subject = {{"O", "Foundation Test"}, {"CN", "Foundation Test Root"}};
     root.key = pki.rootKey.get();
     root.ca = true;
@@ -55,7 +55,7 @@ TestPKI makePKI(KeyKind kind) {
     root.notAfterOffset = 3650 * kDay;
     pki.root = makeCertificate(root);
 
-    CertificateSpec intermediate;
+    CertificateRecipe intermediate;
     intermediate.subject = {{"O", "Foundation Test"}, {"CN", "Foundation Test Intermediate"}};
     intermediate.key = pki.intermediateKey.get();
     intermediate.issuer = pki.root.get();
@@ -65,7 +65,7 @@ TestPKI makePKI(KeyKind kind) {
     intermediate.notAfterOffset = 1825 * kDay;
     pki.intermediate = makeCertificate(intermediate);
 
-    CertificateSpec leaf;
+    CertificateRecipe leaf;
     leaf.subject = {{"O", "Foundation Test"}, {"CN", "leaf.example.test"}};
     leaf.key = pki.leafKey.get();
     leaf.issuer = pki.intermediate.get();
@@ -80,52 +80,52 @@ TestPKI makePKI(KeyKind kind) {
 
 }  // namespace
 
-fc::X509UPtr makeCertificate(const CertificateSpec& spec) {
-    require(spec.key != nullptr, "a key is required");
+fc::X509UPtr makeCertificate(const CertificateRecipe& recipe) {
+    require(recipe.key != nullptr, "a key is required");
     fc::X509UPtr certificate = fc::makeX509UPtr(X509_new());
     require(certificate != nullptr, "X509_new");
     X509* x = certificate.get();
-    require(X509_set_version(x, spec.version) == 1, "version");
+    require(X509_set_version(x, recipe.version) == 1, "version");
 
     BIGNUM* serial = nullptr;
-    require(BN_hex2bn(&serial, spec.serialHex.c_str()) > 0, "serial");
+    require(BN_hex2bn(&serial, recipe.serialHex.c_str()) > 0, "serial");
     const fc::BNUPtr serialOwner = fc::makeBNUPtr(serial);
     require(BN_to_ASN1_INTEGER(serial, X509_get_serialNumber(x)) != nullptr, "serial");
 
-    setTime(X509_getm_notBefore(x), spec.notBefore, spec.notBeforeOffset);
-    setTime(X509_getm_notAfter(x), spec.notAfter, spec.notAfterOffset);
+    setTime(X509_getm_notBefore(x), recipe.notBefore, recipe.notBeforeOffset);
+    setTime(X509_getm_notAfter(x), recipe.notAfter, recipe.notAfterOffset);
 
     X509_NAME* name = X509_get_subject_name(x);
-    for (const auto& [field, value] : spec.subject) {
+    for (const auto& [field, value] : recipe.subject) {
         require(X509_NAME_add_entry_by_txt(name, field.c_str(), MBSTRING_UTF8,
                                            reinterpret_cast<const unsigned char*>(value.c_str()),
                                            -1, -1, 0) == 1,
                 "subject entry");
     }
     require(X509_set_issuer_name(
-                x, spec.issuer != nullptr ? X509_get_subject_name(spec.issuer) : name) == 1,
+                x, recipe.issuer != nullptr ? X509_get_subject_name(recipe.issuer) : name) == 1,
             "issuer name");
-    require(X509_set_pubkey(x, spec.key) == 1, "public key");
+    require(X509_set_pubkey(x, recipe.key) == 1, "public key");
 
-    X509* issuerForExtensions = spec.issuer != nullptr ? spec.issuer : x;
-    if (spec.version == 2) {
+    X509* issuerForExtensions = recipe.issuer != nullptr ? recipe.issuer : x;
+    if (recipe.version == 2) {
         addExtension(x, issuerForExtensions, NID_subject_key_identifier, "hash");
-        if (spec.issuer != nullptr) {
+        if (recipe.issuer != nullptr) {
             addExtension(x, issuerForExtensions, NID_authority_key_identifier, "keyid:always");
         }
-        if (spec.ca) {
+        if (recipe.ca) {
             addExtension(x, issuerForExtensions, NID_basic_constraints, "critical,CA:TRUE");
             addExtension(x, issuerForExtensions, NID_key_usage, "critical,keyCertSign,cRLSign");
         }
-        for (const auto& [nid, value] : spec.extensions) {
+        for (const auto& [nid, value] : recipe.extensions) {
             addExtension(x, issuerForExtensions, nid, value);
         }
     }
 
-    EVP_PKEY* signingKey = spec.issuerKey != nullptr ? spec.issuerKey : spec.key;
+    EVP_PKEY* signingKey = recipe.issuerKey != nullptr ? recipe.issuerKey : recipe.key;
     const EVP_MD* digest = signsWithoutDigest(signingKey)
                                ? nullptr
-                               : (spec.digest != nullptr ? spec.digest : EVP_sha256());
+                               : (recipe.digest != nullptr ? recipe.digest : EVP_sha256());
     require(X509_sign(x, signingKey, digest) > 0, "signing");
     return certificate;
 }

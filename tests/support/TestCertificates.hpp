@@ -15,7 +15,7 @@ namespace testsupport {
 constexpr long kDay = 86400;
 
 // What to put into a certificate. Defaults give a one-year leaf valid since an hour ago.
-struct CertificateSpec {
+struct CertificateRecipe {
     // Attributes in encoding order, e.g. {{"C", "US"}, {"O", "Example Org"}, {"CN", "Leaf"}}.
     // A type that OpenSSL does not know is given as a dotted object identifier.
     std::vector<std::pair<std::string, std::string>> subject{{"CN", "Test Certificate"}};
@@ -47,7 +47,7 @@ struct CertificateSpec {
     int version = 2;                 // X509 version field: 2 is v3
 };
 
-foundation::certificates::X509UPtr makeCertificate(const CertificateSpec& spec);
+foundation::certificates::X509UPtr makeCertificate(const CertificateRecipe& recipe);
 
 std::string toPEM(const X509* certificate);
 foundation::certificates::ByteArray toDER(const X509* certificate);

@@ -53,29 +53,29 @@ const char* algorithmsName(PKCS12Algorithms algorithms) {
     return algorithms == PKCS12Algorithms::Default ? "Default" : "Legacy";
 }
 
-fc::ByteArray makePKCS12(const PKCS12Spec& spec) {
+fc::ByteArray makePKCS12(const PKCS12Recipe& recipe) {
     // The stack only lends the caller's certificates to PKCS12_create.
     struct FreeStackOnly {
         void operator()(STACK_OF(X509) * stack) const { sk_X509_free(stack); }
     };
     std::unique_ptr<STACK_OF(X509), FreeStackOnly> cas(sk_X509_new_null());
     require(cas != nullptr, "stack");
-    for (X509* ca : spec.caChain) require(sk_X509_push(cas.get(), ca) > 0, "stack push");
+    for (X509* ca : recipe.caChain) require(sk_X509_push(cas.get(), ca) > 0, "stack push");
 
-    const char* passphrase = spec.passphrase.c_str();
+    const char* passphrase = recipe.passphrase.c_str();
     std::unique_ptr<LegacyContext> legacy;  // outlives the container made in it
     std::unique_ptr<PKCS12, decltype(&PKCS12_free)> p12(nullptr, PKCS12_free);
-    if (spec.algorithms == PKCS12Algorithms::Default) {
-        p12.reset(PKCS12_create(passphrase, "test", spec.key, spec.certificate, cas.get(), 0, 0, 0,
-                                spec.mac ? 0 : -1, 0));
+    if (recipe.algorithms == PKCS12Algorithms::Default) {
+        p12.reset(PKCS12_create(passphrase, "test", recipe.key, recipe.certificate, cas.get(), 0, 0,
+                                0, recipe.mac ? 0 : -1, 0));
     } else {
         legacy = std::make_unique<LegacyContext>();
-        p12.reset(PKCS12_create_ex(passphrase, "test", spec.key, spec.certificate, cas.get(),
+        p12.reset(PKCS12_create_ex(passphrase, "test", recipe.key, recipe.certificate, cas.get(),
                                    NID_pbe_WithSHA1And3_Key_TripleDES_CBC,
                                    NID_pbe_WithSHA1And40BitRC2_CBC, kIterations, -1, 0,
                                    legacy->get(), nullptr));
         require(p12 != nullptr, "PKCS12_create_ex");
-        if (spec.mac) {
+        if (recipe.mac) {
             require(
                 PKCS12_set_mac(p12.get(), passphrase, -1, nullptr, 0, kIterations, EVP_sha1()) == 1,
                 "SHA-1 MAC");
@@ -92,10 +92,10 @@ fc::ByteArray makePKCS12(const PKCS12Spec& spec) {
 }
 
 fc::X509UPtr selfSignedFor(EVP_PKEY* key) {
-    CertificateSpec spec;
-    spec.subject = {{"O", "Foundation Test"}, {"CN", "PKCS12 Test"}};
-    spec.key = key;
-    return makeCertificate(spec);
+    CertificateRecipe recipe;
+    recipe.subject = {{"O", "Foundation Test"}, {"CN", "PKCS12 Test"}};
+    recipe.key = key;
+    return makeCertificate(recipe);
 }
 
 }  // namespace testsupport

@@ -20,7 +20,7 @@ enum class PKCS12Algorithms {
 
 const char* algorithmsName(PKCS12Algorithms algorithms);
 
-struct PKCS12Spec {
+struct PKCS12Recipe {
     std::string passphrase = kPKCS12Passphrase;
     EVP_PKEY* key = nullptr;      // none: a container without a key
     X509* certificate = nullptr;  // none: no certificate for the key
@@ -30,7 +30,7 @@ struct PKCS12Spec {
 };
 
 // The container's DER encoding.
-foundation::certificates::ByteArray makePKCS12(const PKCS12Spec& spec);
+foundation::certificates::ByteArray makePKCS12(const PKCS12Recipe& recipe);
 
 // A self-signed certificate for the key, e.g. to pair with it in a container.
 foundation::certificates::X509UPtr selfSignedFor(EVP_PKEY* key);

@@ -50,17 +50,17 @@ Signer makeSigner(const char* commonName, X509* issuer, EVP_PKEY* issuerKey, lon
                   std::vector<std::pair<int, std::string>> moreExtensions = {}) {
     Signer signer;
     signer.key = generateKey(KeyKind::RSA2048);
-    CertificateSpec spec;
-    spec.subject = {{"O", "Foundation Test"}, {"CN", commonName}};
-    spec.key = signer.key.get();
-    spec.issuer = issuer;
-    spec.issuerKey = issuerKey;
-    spec.notBeforeOffset = notBeforeOffset;
-    spec.notAfterOffset = notAfterOffset;
-    spec.serialHex = serialHex;
-    spec.extensions = {{NID_key_usage, "critical,digitalSignature,nonRepudiation"}};
-    spec.extensions.insert(spec.extensions.end(), moreExtensions.begin(), moreExtensions.end());
-    signer.certificate = makeCertificate(spec);
+    CertificateRecipe recipe;
+    recipe.subject = {{"O", "Foundation Test"}, {"CN", commonName}};
+    recipe.key = signer.key.get();
+    recipe.issuer = issuer;
+    recipe.issuerKey = issuerKey;
+    recipe.notBeforeOffset = notBeforeOffset;
+    recipe.notAfterOffset = notAfterOffset;
+    recipe.serialHex = serialHex;
+    recipe.extensions = {{NID_key_usage, "critical,digitalSignature,nonRepudiation"}};
+    recipe.extensions.insert(recipe.extensions.end(), moreExtensions.begin(), moreExtensions.end());
+    signer.certificate = makeCertificate(recipe);
     return signer;
 }
 
@@ -122,19 +122,20 @@ PKCS7Ptr makeCertificateBundle(const std::vector<const X509*>& certificates) {
     return pkcs7;
 }
 
-PKCS7Ptr makeSignature(const SignatureSpec& spec, const fc::ByteArray& content) {
-    require(spec.signer != nullptr, "a signer is required");
-    const BorrowedStack extra(spec.extraCertificates);
+PKCS7Ptr makeSignature(const SignatureRecipe& recipe, const fc::ByteArray& content) {
+    require(recipe.signer != nullptr, "a signer is required");
+    const BorrowedStack extra(recipe.extraCertificates);
     const fc::BIOUPtr data = contentBIO(content);
     int flags = PKCS7_BINARY;
-    if (spec.detached) flags |= PKCS7_DETACHED;
-    if (!spec.withCertificates) flags |= PKCS7_NOCERTS;
-    PKCS7Ptr pkcs7 = foundation::certificates::detail::wrap(PKCS7_sign(
-        spec.signer->certificate.get(), spec.signer->key.get(), extra.stack, data.get(), flags));
+    if (recipe.detached) flags |= PKCS7_DETACHED;
+    if (!recipe.withCertificates) flags |= PKCS7_NOCERTS;
+    PKCS7Ptr pkcs7 = foundation::certificates::detail::wrap(
+        PKCS7_sign(recipe.signer->certificate.get(), recipe.signer->key.get(), extra.stack,
+                   data.get(), flags));
     require(pkcs7 != nullptr, "PKCS7_sign");
 
-    if (spec.alterContent) {
-        require(!spec.detached && !content.empty(), "only attached content can be altered");
+    if (recipe.alterContent) {
+        require(!recipe.detached && !content.empty(), "only attached content can be altered");
         PKCS7* inner = pkcs7->d.sign->contents;
         require(OBJ_obj2nid(inner->type) == NID_pkcs7_data && inner->d.data != nullptr,
                 "attached content");

@@ -40,7 +40,7 @@ const Signer& tlsServerSigner();
 // certificates the structure has no certificate set at all.
 PKCS7Ptr makeCertificateBundle(const std::vector<const X509*>& certificates);
 
-struct SignatureSpec {
+struct SignatureRecipe {
     const Signer* signer = nullptr;  // required
     // Put after the signer's certificate into the structure (e.g. its intermediate).
     std::vector<const X509*> extraCertificates;
@@ -50,7 +50,7 @@ struct SignatureSpec {
 };
 
 // A signature over the content, byte for byte (binary mode, no line-ending conversion).
-PKCS7Ptr makeSignature(const SignatureSpec& spec,
+PKCS7Ptr makeSignature(const SignatureRecipe& recipe,
                        const foundation::certificates::ByteArray& content);
 
 // The data type, holding the content.

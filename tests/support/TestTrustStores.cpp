@@ -17,15 +17,15 @@ fc::X509UPtr makeQuickCertificate(const std::string& commonName, bool ca,
     char serial[16];
     std::snprintf(serial, sizeof serial, "%X", nextSerial++);
 
-    CertificateSpec spec;
-    spec.subject = {{"O", "Foundation Trust Test"}, {"CN", commonName}};
-    spec.key = sharedKey(KeyKind::P256);
-    spec.ca = ca;
-    spec.serialHex = serial;
-    spec.extensions = std::move(extensions);
-    spec.notBeforeOffset = notBeforeOffset;
-    spec.notAfterOffset = notAfterOffset;
-    return makeCertificate(spec);
+    CertificateRecipe recipe;
+    recipe.subject = {{"O", "Foundation Trust Test"}, {"CN", commonName}};
+    recipe.key = sharedKey(KeyKind::P256);
+    recipe.ca = ca;
+    recipe.serialHex = serial;
+    recipe.extensions = std::move(extensions);
+    recipe.notBeforeOffset = notBeforeOffset;
+    recipe.notAfterOffset = notAfterOffset;
+    return makeCertificate(recipe);
 }
 
 ListAdder::ListAdder(std::vector<fc::ByteArray> certificates,
