@@ -13,222 +13,108 @@
 #include <openssl/x509v3.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <optional>
 #include <set>
 #include <unistd.h>
 
 namespace fc = foundation::certificates;
 using fc::ByteArray;
 using fc::TrustStore;
+using Ders = std::set<ByteArray>;
 
 namespace {
 
-// What the store should hold after an SSL import, worked out from the file with OpenSSL alone:
-// every CERTIFICATE block that parses, has not expired and passes the TLS server purpose check.
-std::set<ByteArray> unexpiredSSLCertificatesOf(const std::string& path, int& unparsable) {
-    std::set<ByteArray> expected;
-    unparsable = 0;
+// What an SSL import should hold, worked out with OpenSSL alone: every certificate of the file
+// that parses, has not expired and passes the TLS server purpose check.
+Ders expectedSSLCertificatesOf(const std::string& path) {
+    Ders expected;
     const fc::BIOUPtr file = fc::makeBIOUPtr(BIO_new_file(path.c_str(), "r"));
-    if (!file) return expected;
-    char* name = nullptr;
-    char* header = nullptr;
-    unsigned char* data = nullptr;
-    long length = 0;
-    while (PEM_read_bio(file.get(), &name, &header, &data, &length) == 1) {
-        if (std::strcmp(name, "CERTIFICATE") == 0) {
-            const unsigned char* cursor = data;
-            const fc::X509UPtr x = fc::makeX509UPtr(d2i_X509(nullptr, &cursor, length));
-            if (!x) {
-                ++unparsable;
-            } else if (X509_cmp_current_time(X509_get0_notAfter(x.get())) > 0 &&
-                       X509_check_purpose(x.get(), X509_PURPOSE_SSL_SERVER,
-                                          X509_check_ca(x.get())) > 0) {
-                expected.insert(ByteArray(static_cast<const unsigned char*>(data), cursor));
-            }
+    while (file) {
+        const fc::X509UPtr x =
+            fc::makeX509UPtr(PEM_read_bio_X509(file.get(), nullptr, nullptr, nullptr));
+        if (!x && ERR_GET_REASON(ERR_peek_last_error()) == PEM_R_NO_START_LINE) break;
+        if (x && X509_cmp_current_time(X509_get0_notAfter(x.get())) > 0 &&
+            X509_check_purpose(x.get(), X509_PURPOSE_SSL_SERVER, X509_check_ca(x.get())) > 0) {
+            expected.insert(testsupport::toDER(x.get()));
         }
-        OPENSSL_free(name);
-        OPENSSL_free(header);
-        OPENSSL_free(data);
     }
     ERR_clear_error();
     return expected;
 }
 
-// Read back with OpenSSL: a system bundle holds keys that X509Certificate refuses.
-std::set<ByteArray> contentsOf(const TrustStore& store) {
-    std::set<ByteArray> held;
-    for (const std::string& pem : store.getPEMStrings()) {
-        const fc::BIOUPtr bio =
-            fc::makeBIOUPtr(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
-        const fc::X509UPtr x =
-            fc::makeX509UPtr(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
-        if (x) held.insert(testsupport::toDER(x.get()));
-    }
+// Read with OpenSSL: a system bundle holds keys that X509Certificate refuses.
+Ders contentsOf(const TrustStore& store) {
+    Ders held;
+    const std::shared_ptr<X509_STORE> live = fc::getOpenSSLStore(store);
+    const STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(live.get());
+    for (int i = 0; i < sk_X509_OBJECT_num(objects); ++i)
+        held.insert(testsupport::toDER(X509_OBJECT_get0_X509(sk_X509_OBJECT_value(objects, i))));
     return held;
 }
 
-std::string pemBlock(const ByteArray& der, const char* lineEnd = "\n") {
-    std::string base64(4 * ((der.size() + 2) / 3) + 1, '\0');
-    base64.resize(
-        static_cast<std::size_t>(EVP_EncodeBlock(reinterpret_cast<unsigned char*>(base64.data()),
-                                                 der.data(), static_cast<int>(der.size()))));
-    std::string block = std::string("-----BEGIN CERTIFICATE-----") + lineEnd;
-    for (std::size_t i = 0; i < base64.size(); i += 64) block += base64.substr(i, 64) + lineEnd;
-    return block + "-----END CERTIFICATE-----" + lineEnd;
+// A CERTIFICATE block of any bytes.
+std::string pemBlock(const ByteArray& der, bool crlf = false) {
+    const fc::BIOUPtr bio = fc::makeBIOUPtr(BIO_new(BIO_s_mem()));
+    PEM_write_bio(bio.get(), "CERTIFICATE", "", der.data(), static_cast<long>(der.size()));
+    char* data = nullptr;
+    const long size = BIO_get_mem_data(bio.get(), &data);
+    std::string block(data, static_cast<std::size_t>(size));
+    for (std::size_t at = 0; crlf && (at = block.find('\n', at)) != std::string::npos; at += 2)
+        block.insert(at, 1, '\r');
+    return block;
 }
 
-// Saves and restores the variables the platform reads.
-class EnvironmentGuard {
-  public:
-    EnvironmentGuard() {
-        for (const char* name : {"SSL_CERT_FILE", "SSL_CERT_DIR"}) {
-            const char* value = std::getenv(name);
-            saved.emplace_back(name, value ? std::optional<std::string>(value) : std::nullopt);
-        }
-    }
-    ~EnvironmentGuard() {
-        for (const auto& [name, value] : saved) {
-            if (value) {
-                setenv(name, value->c_str(), 1);
-            } else {
-                unsetenv(name);
-            }
-        }
-    }
-
-  private:
-    std::vector<std::pair<const char*, std::optional<std::string>>> saved;
-};
-
-class SystemCertificatesTest : public ::testing::Test {
-  protected:
-    static void SetUpTestSuite() {
-        using testsupport::kDay;
-        const auto der = [](const fc::X509UPtr& x) { return testsupport::toDER(x.get()); };
-        root = der(testsupport::makeQuickCertificate("Bundle Root", true));
-        expired =
-            der(testsupport::makeQuickCertificate("Bundle Expired", true, {}, -60 * kDay, -kDay));
-        future = der(testsupport::makeQuickCertificate("Bundle Future", true, {}, kDay, 60 * kDay));
-        server = der(
-            testsupport::makeQuickCertificate("server.bundle.test", false,
-                                              {{NID_key_usage, "digitalSignature,keyEncipherment"},
-                                               {NID_ext_key_usage, "serverAuth"}}));
-        codeSigning = der(testsupport::makeQuickCertificate(
-            "Bundle Code Signer", false,
-            {{NID_key_usage, "digitalSignature"}, {NID_ext_key_usage, "codeSigning"}}));
-        damaged = ByteArray(root.begin(), root.begin() + 40);
-    }
-
-    void SetUp() override {
-        bundlePath = (std::filesystem::temp_directory_path() /
-                      ("foundation_truststore_" + std::to_string(getpid()) + ".pem"))
-                         .string();
-        std::ofstream bundle(bundlePath, std::ios::binary);
-        bundle << "# Roots for tests\n"
-               << pemBlock(root) << "\n# expired\n"
-               << pemBlock(expired) << pemBlock(future, "\r\n") << pemBlock(server)
-               << pemBlock(damaged) << pemBlock(codeSigning) << pemBlock(root);
-        setenv("SSL_CERT_FILE", bundlePath.c_str(), 1);
-    }
-
-    void TearDown() override { std::filesystem::remove(bundlePath); }
-
-    static std::set<ByteArray> setOf(std::initializer_list<const ByteArray*> ders) {
-        std::set<ByteArray> result;
-        for (const ByteArray* der : ders) result.insert(*der);
-        return result;
-    }
-
-    static ByteArray root, expired, future, server, codeSigning, damaged;
-    EnvironmentGuard environment;
-    std::string bundlePath;
-};
-
-ByteArray SystemCertificatesTest::root, SystemCertificatesTest::expired,
-    SystemCertificatesTest::future, SystemCertificatesTest::server,
-    SystemCertificatesTest::codeSigning, SystemCertificatesTest::damaged;
-
-TEST_F(SystemCertificatesTest, SSLImportHoldsTheBundlesUnexpiredTLSCertificates) {
+TEST(SystemCertificates, SSLImportHoldsTheBundlesUnexpiredTLSCertificates) {
+    using testsupport::kDay;
+    using testsupport::makeQuickCertificate;
+    const auto der = [](const fc::X509UPtr& x) { return testsupport::toDER(x.get()); };
+    const ByteArray root = der(makeQuickCertificate("Bundle Root", true));
+    const ByteArray expired = der(makeQuickCertificate("Expired", true, {}, -60 * kDay, -kDay));
+    const ByteArray future = der(makeQuickCertificate("Future", true, {}, kDay, 60 * kDay));
+    const ByteArray server =
+        der(makeQuickCertificate("server.test", false, {{NID_ext_key_usage, "serverAuth"}}));
+    const ByteArray signer =
+        der(makeQuickCertificate("Signer", false, {{NID_ext_key_usage, "codeSigning"}}));
+    const std::string bundle = (std::filesystem::temp_directory_path() /
+                                ("foundation_truststore_" + std::to_string(getpid()) + ".pem"))
+                                   .string();
     const testsupport::LogCapture log;
-    TrustStore store;
-    store.addSystemCertificates(TrustStore::Usage::SSL, false);
-
-    int unparsable = 0;
-    const std::set<ByteArray> expected = unexpiredSSLCertificatesOf(bundlePath, unparsable);
-    EXPECT_EQ(expected, setOf({&root, &future, &server}));
-    EXPECT_EQ(contentsOf(store), expected);
-
-    EXPECT_EQ(unparsable, 1);
-    const auto records = log.records();
-    ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].message.rfind(
-                  "Exception caught: Dynamic exception type: "
-                  "foundation::certificates::TrustStoreException\n"
-                  "std::exception::what: Failed to parse DER data to X509 certificate. "
-                  "Cert size = 40\nCert Bytes =  0x30 0x82 ",
-                  0),
-              0u)
-        << records[0].message;
-}
-
-TEST_F(SystemCertificatesTest, SigningImportKeepsSigningCertificates) {
-    TrustStore store;
-    store.addSystemCertificates(TrustStore::Usage::Signing, false);
-    EXPECT_EQ(contentsOf(store), setOf({&root, &future, &codeSigning}));
-}
-
-TEST_F(SystemCertificatesTest, ThrowOnFailureStopsAtTheDamagedBlock) {
-    TrustStore store;
-    try {
-        store.addSystemCertificates(TrustStore::Usage::SSL, true);
-        ADD_FAILURE() << "the damaged block was accepted";
-    } catch (const fc::TrustStoreException& e) {
-        EXPECT_EQ(std::string(e.what()).rfind("Failed to parse DER data to X509 certificate. "
-                                              "Cert size = 40\n",
-                                              0),
-                  0u);
-    }
-    // Added before the damaged block and not filtered, since the import did not finish.
-    EXPECT_EQ(contentsOf(store), setOf({&root, &expired, &future, &server}));
-}
-
-TEST_F(SystemCertificatesTest, UnreadableBundleGivesNoCertificates) {
-    const testsupport::LogCapture log;
-    for (const std::string& path :
-         {bundlePath + ".missing", std::filesystem::temp_directory_path().string()}) {
-        setenv("SSL_CERT_FILE", path.c_str(), 1);
+    for (const std::string& path : {bundle, std::filesystem::temp_directory_path().string()}) {
+        setenv("SSL_CERT_FILE", path.c_str(), 1);  // missing, then a folder: nothing to add
         TrustStore store;
         store.addSystemCertificates(TrustStore::Usage::SSL, true);
         EXPECT_TRUE(store.empty()) << path;
     }
     EXPECT_TRUE(log.records().empty());
-}
 
-TEST_F(SystemCertificatesTest, FileAndFolderFollowTheEnvironment) {
-    EXPECT_EQ(fc::getSystemCertificatesFile(), bundlePath);
-    setenv("SSL_CERT_DIR", "/tmp/foundation-certs", 1);
-    EXPECT_EQ(fc::getSystemCertificatesFolder(), "/tmp/foundation-certs");
+    std::ofstream(bundle, std::ios::binary)
+        << "# Roots for tests\n"
+        << pemBlock(root) << "\n# expired\n"
+        << pemBlock(expired) << pemBlock(future, true) << pemBlock(server)
+        << pemBlock(ByteArray(root.begin(), root.begin() + 40)) << pemBlock(signer)
+        << pemBlock(root);
+    setenv("SSL_CERT_FILE", bundle.c_str(), 1);
+    const TrustStore original;
+    TrustStore store(original);  // imports through its own clone of the adder
+    store.addSystemCertificates(TrustStore::Usage::SSL, false);
+    const Ders expected = expectedSSLCertificatesOf(bundle);
+    EXPECT_EQ(expected, (Ders{root, future, server}));
+    EXPECT_EQ(contentsOf(store), expected);
+    EXPECT_EQ(log.records().size(), 1u);  // the damaged block
 
     unsetenv("SSL_CERT_FILE");
-    unsetenv("SSL_CERT_DIR");
-    EXPECT_EQ(fc::getSystemCertificatesFile(), X509_get_default_cert_file());
-    EXPECT_EQ(fc::getSystemCertificatesFolder(), X509_get_default_cert_dir());
+    std::filesystem::remove(bundle);
 }
 
 TEST(SystemBundle, SSLImportHoldsExactlyTheUnexpiredTLSRoots) {
-    const EnvironmentGuard environment;
     unsetenv("SSL_CERT_FILE");
     const std::string path = X509_get_default_cert_file();
-    if (!std::filesystem::exists(path)) {
-        GTEST_SKIP() << "No system certificate bundle at " << path;
-    }
+    EXPECT_EQ(fc::getSystemCertificatesFile(), path);
+    if (!std::filesystem::exists(path)) GTEST_SKIP() << "No system certificate bundle at " << path;
     TrustStore store;
     store.addSystemCertificates(TrustStore::Usage::SSL, false);
-    int unparsable = 0;
-    const std::set<ByteArray> expected = unexpiredSSLCertificatesOf(path, unparsable);
+    const Ders expected = expectedSSLCertificatesOf(path);
     EXPECT_FALSE(expected.empty());
     EXPECT_EQ(contentsOf(store), expected);
     EXPECT_EQ(store.size(), expected.size());
