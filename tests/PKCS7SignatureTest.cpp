@@ -14,6 +14,7 @@
 
 #include <atomic>
 #include <thread>
+#include <tuple>
 
 namespace fc = foundation::certificates;
 using fc::ByteArray;
@@ -53,12 +54,10 @@ class PKCS7SignatureTest : public ::testing::Test {
     // With the intermediate inside, the signer's path is complete.
     PKCS7Certificate sign(const testsupport::Signer& signer, bool detached = false,
                           bool intermediateInside = false) const {
-        testsupport::SignatureRecipe recipe;
-        recipe.signer = &signer;
-        recipe.detached = detached;
-        if (intermediateInside) recipe.extraCertificates = {pki.intermediate.get()};
-        return PKCS7Certificate(
-            testsupport::pkcs7ToDER(testsupport::makeSignature(recipe, content).get()));
+        std::vector<const X509*> inside;
+        if (intermediateInside) inside.push_back(pki.intermediate.get());
+        return PKCS7Certificate(testsupport::pkcs7ToDER(
+            testsupport::makeSignature({&signer, inside, detached}, content).get()));
     }
 
     void SetUp() override {
@@ -75,63 +74,41 @@ TEST_F(PKCS7SignatureTest, ReportsSignatureAndSignerPathApart) {
     const PKCS7Certificate detached = sign(testsupport::chainedSigner(), true, true);
     const PKCS7Certificate pathless = sign(testsupport::chainedSigner());
     const PKCS7Certificate selfSigned = sign(testsupport::selfSignedSigner());
-    const std::string expiredText =
+    const PKCS7Certificate expired = sign(testsupport::expiredSigner());
+    const PKCS7Certificate expiredDetached = sign(testsupport::expiredSigner(), true);
+    const PKCS7Certificate noSigner(
+        testsupport::pkcs7ToDER(testsupport::makeCertificateBundle({pki.root.get()}).get()));
+    // The chain's certificates are trusted for the call: callers pass only ones they trust.
+    const X509CertificateChain pinned = chainOf(testsupport::selfSignedSigner().certificate.get());
+    const std::string noPath =
+        "Errors present: Error code 20  at depth 0Certificate Subject Name=CN=Chained "
+        "Signer,O=Foundation Test\n. \nMessage:unable to get local issuer certificate\n";
+    const std::string hasExpired =
         "Errors present: Error code 10  at depth 0Certificate Subject Name=CN=Expired "
         "Signer,O=Foundation Test\n. \nMessage:certificate has expired\n";
     ByteArray altered = content;
     altered.back() ^= 0x01;
     const std::vector<std::string> storeBefore = trustingRoot.getPEMStrings();
 
-    const struct {
-        const char* name;
-        PKCS7Certificate pkcs7;
-        X509CertificateChain chain;
-        ByteArray data;
-        bool signature;
-        Status status;
-        std::string text;
-    } cases[] = {
-        {"attached", attached, none, {}, true, Status::Valid, ""},
-        {"detached", detached, none, content, true, Status::Valid, ""},
-        {"altered", detached, none, altered, false, Status::ValidationFailed, "digest failure"},
-        {"no data", detached, none, {}, false, Status::ValidationFailed, "no content"},
-        {"pathless",
-         pathless,
-         none,
-         {},
-         true,
-         Status::InvalidChain,
-         "Errors present: Error code 20  at depth 0Certificate Subject Name=CN=Chained "
-         "Signer,O=Foundation Test\n. \nMessage:unable to get local issuer certificate\n"},
-        {"chain completes path", pathless, withIntermediate, {}, true, Status::Valid, ""},
-        // The chain's certificates are trusted for the call: callers pass only ones they trust.
-        {"pinned by chain",
-         selfSigned,
-         chainOf(testsupport::selfSignedSigner().certificate.get()),
-         {},
-         true,
-         Status::Valid,
-         ""},
-        {"self-signed", selfSigned, none, {}, true, Status::SelfSigned, ""},
-        {"expired",
-         sign(testsupport::expiredSigner()),
-         withIntermediate,
-         {},
-         true,
-         Status::Expired,
-         expiredText},
-        // The content is read a second time for the signer's own validation.
-        {"expired, detached", sign(testsupport::expiredSigner(), true), withIntermediate, content,
-         true, Status::Expired, expiredText},
-        {"no signer",
-         PKCS7Certificate(
-             testsupport::pkcs7ToDER(testsupport::makeCertificateBundle({pki.root.get()}).get())),
-         none, content, false, Status::ValidationFailed, "no signatures on data"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        expectOutcome(c.pkcs7.verifySignature(c.chain, trustingRoot, c.data), c.signature, c.status,
-                      c.text);
+    using S = Status;
+    const std::tuple<const PKCS7Certificate&, const X509CertificateChain&, ByteArray, bool, S,
+                     std::string>
+        cases[] = {{attached, none, {}, true, S::Valid, ""},
+                   {detached, none, content, true, S::Valid, ""},
+                   {detached, none, altered, false, S::ValidationFailed, "digest failure"},
+                   {detached, none, {}, false, S::ValidationFailed, "no content"},
+                   {pathless, none, {}, true, S::InvalidChain, noPath},
+                   {pathless, withIntermediate, {}, true, S::Valid, ""},
+                   {selfSigned, pinned, {}, true, S::Valid, ""},
+                   {selfSigned, none, {}, true, S::SelfSigned, ""},
+                   {expired, withIntermediate, {}, true, S::Expired, hasExpired},
+                   // The content is read a second time for the signer's own validation.
+                   {expiredDetached, withIntermediate, content, true, S::Expired, hasExpired},
+                   {noSigner, none, content, false, S::ValidationFailed, "no signatures on data"}};
+    int row = 0;
+    for (const auto& [pkcs7, chain, data, signature, status, text] : cases) {
+        SCOPED_TRACE(++row);
+        expectOutcome(pkcs7.verifySignature(chain, trustingRoot, data), signature, status, text);
         ERR_clear_error();
     }
     EXPECT_EQ(trustingRoot.getPEMStrings(), storeBefore);
@@ -173,9 +150,7 @@ TEST_F(PKCS7Concurrency, VerificationsAndReadsShareCertificates) {
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&, t] {
-            // Half the threads work on copies, half on the shared objects.
-            const PKCS7Certificate own(t % 2 == 0 ? valid : expired);
-            const PKCS7Certificate& pkcs7 = t < 2 ? own : (t % 2 == 0 ? valid : expired);
+            const PKCS7Certificate& pkcs7 = t % 2 == 0 ? valid : expired;
             const Status expected = t % 2 == 0 ? Status::Valid : Status::Expired;
             for (int i = 0; i < 10; ++i) {
                 const auto results = pkcs7.verifySignature(withIntermediate, trustingRoot, {});

@@ -36,10 +36,9 @@ struct LegacyContext {
 }  // namespace
 
 fc::ByteArray makePKCS12(const PKCS12Recipe& recipe) {
-    struct FreeStackOnly {
-        void operator()(STACK_OF(X509) * stack) const { sk_X509_free(stack); }
-    };
-    std::unique_ptr<STACK_OF(X509), FreeStackOnly> cas(sk_X509_new_null());
+    // The stack only lends the caller's certificates.
+    std::unique_ptr<STACK_OF(X509), void (*)(STACK_OF(X509)*)> cas(
+        sk_X509_new_null(), [](STACK_OF(X509) * stack) { sk_X509_free(stack); });
     require(cas != nullptr, "stack");
     for (X509* ca : recipe.caChain) require(sk_X509_push(cas.get(), ca) > 0, "stack push");
 

@@ -15,11 +15,12 @@ constexpr const char* kPKCS12Passphrase = "correct horse battery staple";
 // 3DES key and SHA-1 MAC, which need the legacy provider.
 enum class PKCS12Algorithms { Default, Legacy };
 
+// Aggregate order lets a test write {key, certificate, {chain}}.
 struct PKCS12Recipe {
-    std::string passphrase = kPKCS12Passphrase;
     EVP_PKEY* key = nullptr;      // none: a container without a key
     X509* certificate = nullptr;  // none: no certificate for the key
-    std::vector<X509*> caChain;
+    std::vector<X509*> caChain{};
+    std::string passphrase = kPKCS12Passphrase;
     PKCS12Algorithms algorithms = PKCS12Algorithms::Default;
     bool mac = true;
 };

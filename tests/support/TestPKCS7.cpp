@@ -20,13 +20,11 @@ void require(bool ok, const char* what) {
     if (!ok) throw std::runtime_error(std::string("test PKCS7: ") + what);
 }
 
-struct FreeStackOnly {
-    void operator()(STACK_OF(X509) * stack) const { sk_X509_free(stack); }
-};
-using BorrowedStack = std::unique_ptr<STACK_OF(X509), FreeStackOnly>;
+// A stack that lends the certificates it lists.
+using BorrowedStack = std::unique_ptr<STACK_OF(X509), void (*)(STACK_OF(X509)*)>;
 
 BorrowedStack borrow(const std::vector<const X509*>& certificates) {
-    BorrowedStack stack(sk_X509_new_null());
+    BorrowedStack stack(sk_X509_new_null(), [](STACK_OF(X509) * s) { sk_X509_free(s); });
     require(stack != nullptr, "sk_X509_new_null");
     for (const X509* certificate : certificates) {
         require(sk_X509_push(stack.get(), const_cast<X509*>(certificate)) > 0, "sk_X509_push");
@@ -34,11 +32,9 @@ BorrowedStack borrow(const std::vector<const X509*>& certificates) {
     return stack;
 }
 
+// Without a BIO the signing or encryption below fails and says so.
 fc::BIOUPtr contentBIO(const fc::ByteArray& content) {
-    fc::BIOUPtr bio =
-        fc::makeBIOUPtr(BIO_new_mem_buf(content.data(), static_cast<int>(content.size())));
-    require(bio != nullptr, "BIO_new_mem_buf");
-    return bio;
+    return fc::makeBIOUPtr(BIO_new_mem_buf(content.data(), static_cast<int>(content.size())));
 }
 
 Signer makeSigner(const char* commonName, bool chained, long notBeforeOffset, long notAfterOffset,
@@ -48,10 +44,8 @@ Signer makeSigner(const char* commonName, bool chained, long notBeforeOffset, lo
     CertificateRecipe recipe;
     recipe.subject = {{"O", "Foundation Test"}, {"CN", commonName}};
     recipe.key = signer.key.get();
-    if (chained) {
-        recipe.issuer = rsaPKI().intermediate.get();
-        recipe.issuerKey = rsaPKI().intermediateKey.get();
-    }
+    recipe.issuer = chained ? rsaPKI().intermediate.get() : nullptr;
+    recipe.issuerKey = chained ? rsaPKI().intermediateKey.get() : nullptr;
     recipe.notBeforeOffset = notBeforeOffset;
     recipe.notAfterOffset = notAfterOffset;
     recipe.serialHex = serialHex;

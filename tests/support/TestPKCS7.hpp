@@ -31,8 +31,8 @@ const Signer& selfSignedSigner();
 PKCS7Ptr makeCertificateBundle(const std::vector<const X509*>& certificates);
 
 struct SignatureRecipe {
-    const Signer* signer = nullptr;              // required
-    std::vector<const X509*> extraCertificates;  // after the signer's certificate
+    const Signer* signer = nullptr;                // required
+    std::vector<const X509*> extraCertificates{};  // after the signer's certificate
     bool detached = false;
     bool withCertificates = true;  // false: PKCS7_NOCERTS
 };
