@@ -4,9 +4,7 @@
 #include "support/TestPKCS7.hpp"
 #include "support/TestTrustBundle.hpp"
 
-#include <foundation/certificates/CertificateValidation.hpp>
 #include <foundation/certificates/PKCS7Certificate.hpp>
-#include <foundation/certificates/TrustStore.hpp>
 
 #include <gtest/gtest.h>
 #include <openssl/err.h>
@@ -29,12 +27,6 @@ X509Certificate certificateOf(const X509* x509) {
     return X509Certificate(testsupport::toPEM(x509));
 }
 
-X509CertificateChain chainOf(const X509* certificate) {
-    X509CertificateChain chain;
-    chain.addCertificate(certificateOf(certificate));
-    return chain;
-}
-
 void expectOutcome(const fc::PKCS7CertificateValidationResults& results, bool signature,
                    Status status, const std::string& text) {
     EXPECT_EQ(results.getSignatureVerificationStatus(), signature);
@@ -47,7 +39,8 @@ class PKCS7SignatureTest : public ::testing::Test {
   protected:
     const testsupport::TestPKI& pki = testsupport::rsaPKI();
     const X509CertificateChain none;
-    const X509CertificateChain withIntermediate = chainOf(pki.intermediate.get());
+    const X509CertificateChain withIntermediate =
+        X509CertificateChain(testsupport::toPEM(pki.intermediate.get()));
     fc::TrustStore trustingRoot;
     const ByteArray content{'s', 'i', 'g', 'n', 'e', 'd', '\r', '\n', 0, 'e', 'n', 'd'};
 
@@ -60,10 +53,7 @@ class PKCS7SignatureTest : public ::testing::Test {
             testsupport::makeSignature({&signer, inside, detached}, content).get()));
     }
 
-    void SetUp() override {
-        trustingRoot.addCertificate(certificateOf(pki.root.get()));
-        ERR_clear_error();
-    }
+    PKCS7SignatureTest() { trustingRoot.addCertificate(certificateOf(pki.root.get())); }
     void TearDown() override { ERR_clear_error(); }
 };
 
@@ -79,7 +69,8 @@ TEST_F(PKCS7SignatureTest, ReportsSignatureAndSignerPathApart) {
     const PKCS7Certificate noSigner(
         testsupport::pkcs7ToDER(testsupport::makeCertificateBundle({pki.root.get()}).get()));
     // The chain's certificates are trusted for the call: callers pass only ones they trust.
-    const X509CertificateChain pinned = chainOf(testsupport::selfSignedSigner().certificate.get());
+    const X509CertificateChain pinned =
+        X509CertificateChain(testsupport::toPEM(testsupport::selfSignedSigner().certificate.get()));
     const std::string noPath =
         "Errors present: Error code 20  at depth 0Certificate Subject Name=CN=Chained "
         "Signer,O=Foundation Test\n. \nMessage:unable to get local issuer certificate\n";

@@ -61,12 +61,12 @@ fc::ByteArray makePKCS12(const PKCS12Recipe& recipe) {
     }
     require(p12 != nullptr, "PKCS12_create");
 
-    const int length = i2d_PKCS12(p12.get(), nullptr);
-    require(length > 0, "DER length");
-    fc::ByteArray der(static_cast<std::size_t>(length));
-    unsigned char* out = der.data();
-    require(i2d_PKCS12(p12.get(), &out) == length, "DER writing");
-    return der;
+    unsigned char* der = nullptr;
+    const int length = i2d_PKCS12(p12.get(), &der);
+    require(length > 0, "DER writing");
+    const fc::ByteArray bytes(der, der + length);
+    OPENSSL_free(der);
+    return bytes;
 }
 
 fc::X509UPtr selfSignedFor(EVP_PKEY* key) {

@@ -97,12 +97,9 @@ PKCS7Ptr makeSignature(const SignatureRecipe& recipe, const fc::ByteArray& conte
     return pkcs7;
 }
 
-PKCS7Ptr makeDataStructure(const fc::ByteArray& content) {
+PKCS7Ptr makeDataStructure() {
     PKCS7Ptr pkcs7 = wrap(PKCS7_new());
-    require(pkcs7 != nullptr && PKCS7_set_type(pkcs7.get(), NID_pkcs7_data) == 1 &&
-                ASN1_OCTET_STRING_set(pkcs7->d.data, content.data(),
-                                      static_cast<int>(content.size())) == 1,
-            "data");
+    require(pkcs7 != nullptr && PKCS7_set_type(pkcs7.get(), NID_pkcs7_data) == 1, "data");
     return pkcs7;
 }
 
@@ -122,11 +119,11 @@ std::string pkcs7ToPEM(const PKCS7* pkcs7) {
 }
 
 fc::ByteArray pkcs7ToDER(const PKCS7* pkcs7) {
-    const int length = i2d_PKCS7(pkcs7, nullptr);
-    require(length > 0, "DER length");
-    fc::ByteArray bytes(static_cast<std::size_t>(length));
-    unsigned char* out = bytes.data();
-    require(i2d_PKCS7(pkcs7, &out) == length, "DER writing");
+    unsigned char* der = nullptr;
+    const int length = i2d_PKCS7(pkcs7, &der);
+    require(length > 0, "DER writing");
+    const fc::ByteArray bytes(der, der + length);
+    OPENSSL_free(der);
     return bytes;
 }
 

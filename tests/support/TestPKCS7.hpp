@@ -40,7 +40,7 @@ struct SignatureRecipe {
 // A binary-mode signature over the content.
 PKCS7Ptr makeSignature(const SignatureRecipe& recipe,
                        const foundation::certificates::ByteArray& content);
-PKCS7Ptr makeDataStructure(const foundation::certificates::ByteArray& content);
+PKCS7Ptr makeDataStructure();  // empty content
 PKCS7Ptr makeEnvelopedStructure(const X509* recipient,
                                 const foundation::certificates::ByteArray& content);
 
