@@ -73,6 +73,18 @@ TEST_F(PKCS12Test, OpensEitherAlgorithmIntoTheLibrarysTypes) {
     }
 }
 
+TEST_F(PKCS12Test, PrintsCertificateAndChain) {
+    const PKCS12Certificate container(testsupport::makePKCS12(full), kPKCS12Passphrase);
+    std::ostringstream printed;
+    printed << container;
+    std::ostringstream expected;
+    expected << "Printing PKCS12 certificate.\nCertificate: \n"
+             << container.getCertificate() << std::endl
+             << "CA Chain: \n"
+             << container.getCAChain() << std::endl;
+    EXPECT_EQ(printed.str(), expected.str());
+}
+
 TEST_F(PKCS12Test, WrongPassphraseIsAlwaysIncorrectPassphrase) {
     PKCS12Recipe legacy = full;
     legacy.algorithms = testsupport::PKCS12Algorithms::Legacy;

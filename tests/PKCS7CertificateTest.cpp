@@ -144,6 +144,15 @@ TEST_F(PKCS7Test, SignerAndSignedDataComeFromTheSignerInformation) {
     EXPECT_EQ(detached.getSignerCerts().getCertificates(), std::vector<X509Certificate>{signer});
 }
 
+TEST_F(PKCS7Test, PrintsEveryCertificate) {
+    std::ostringstream printed;
+    printed << PKCS7Certificate(bundlePem);
+    std::ostringstream expected;
+    expected << "Printing PKCS7 certificate.\n";
+    for (const X509Certificate& certificate : bundleOrder) expected << certificate << '\n';
+    EXPECT_EQ(printed.str(), expected.str());
+}
+
 TEST_F(PKCS7Test, MovedFromObjectIsUninitialised) {
     PKCS7Certificate source(bundlePem);
     const PKCS7Certificate target(std::move(source));
