@@ -21,35 +21,31 @@ namespace {
 X509Certificate certificateWith(KeyKind kind) {
     testsupport::CertificateRecipe recipe;
     recipe.key = testsupport::sharedKey(kind);
-    const fc::X509UPtr x = testsupport::makeCertificate(recipe);
-    return X509Certificate(testsupport::toDER(x.get()));
+    return X509Certificate(testsupport::toDER(testsupport::makeCertificate(recipe).get()));
 }
 
-ByteArray rsaModulusOf(const EVP_PKEY* key) {
-    BIGNUM* n = nullptr;
-    EXPECT_EQ(EVP_PKEY_get_bn_param(key, OSSL_PKEY_PARAM_RSA_N, &n), 1);
-    const fc::BNUPtr owner = fc::makeBNUPtr(n);
-    ByteArray bytes(static_cast<std::size_t>(BN_num_bytes(n)));
-    BN_bn2bin(n, bytes.data());
-    return bytes;
-}
-
-TEST(PublicKeyInfoOfCertificates, RSA) {
+TEST(PublicKeyInfoOfCertificates, RSAWithTheFacadesMessagesForECC) {
     const X509Certificate certificate = certificateWith(KeyKind::RSA2048);
     const PublicKeyInfo info = certificate.getPublicKeyInfo();
     EXPECT_EQ(info.getType(), fc::KeyType::RSA);
     EXPECT_EQ(info.getKeySize(), 2048u);
     EXPECT_EQ(certificate.getKeySize(), 2048u);
     EXPECT_EQ(certificate.getPublicExponent(), (ByteArray{0x01, 0x00, 0x01}));
-    EXPECT_EQ(certificate.getModulus(), rsaModulusOf(testsupport::sharedKey(KeyKind::RSA2048)));
-    EXPECT_EQ(certificate.getModulus().size(), 256u);
+    BIGNUM* n = nullptr;
+    ASSERT_EQ(
+        EVP_PKEY_get_bn_param(testsupport::sharedKey(KeyKind::RSA2048), OSSL_PKEY_PARAM_RSA_N, &n),
+        1);
+    const fc::BNUPtr modulus = fc::makeBNUPtr(n);
+    ByteArray bytes(static_cast<std::size_t>(BN_num_bytes(n)));
+    BN_bn2bin(n, bytes.data());
+    EXPECT_EQ(certificate.getModulus(), bytes);
     EXPECT_THROW_MSG(info.getECCPublicPoint(), fc::NotECCKey,
                      "Cannot get the public point from the key because it is not an ECC key");
     EXPECT_THROW_MSG(info.getECCCurve(), fc::NotECCKey,
                      "Cannot get the elliptic curve from the key because it is not an ECC key");
 }
 
-TEST(PublicKeyInfoOfCertificates, P256) {
+TEST(PublicKeyInfoOfCertificates, P256WithTheFacadesMessagesForRSA) {
     const X509Certificate certificate = certificateWith(KeyKind::P256);
     const PublicKeyInfo info = certificate.getPublicKeyInfo();
     EXPECT_EQ(info.getType(), fc::KeyType::ECC);
@@ -89,30 +85,23 @@ TEST(PublicKeyInfoOfCertificates, ImplementationAccessorsNameTheCertificate) {
                      "Expected the EVP_PKEY to be ECC-based. It is not.");
 }
 
-TEST(PublicKeyInfoValue, ConstructorsRefuseEmptyParts) {
+TEST(PublicKeyInfoValue, ConstructorsRefuseEmptyPartsAndEqualityComparesEverything) {
     EXPECT_THROW_MSG(PublicKeyInfo(2048, ByteArray{}, ByteArray{}), fc::CertificateException,
                      "Empty public exponent in public key");
     EXPECT_THROW_MSG(PublicKeyInfo(2048, ByteArray{0x03}, ByteArray{}), fc::CertificateException,
                      "Empty modulus in public key");
     EXPECT_THROW_MSG(PublicKeyInfo(256, ByteArray{}, fc::EllipticCurve::Prime256v1),
                      fc::CertificateException, "Empty public point in public key");
-}
 
-TEST(PublicKeyInfoValue, Equality) {
-    const PublicKeyInfo rsa(2048, ByteArray{0x01, 0x00, 0x01}, ByteArray{0xc0, 0xff, 0xee});
-    const PublicKeyInfo sameRsa(2048, ByteArray{0x01, 0x00, 0x01}, ByteArray{0xc0, 0xff, 0xee});
-    const PublicKeyInfo otherModulus(2048, ByteArray{0x01, 0x00, 0x01},
-                                     ByteArray{0xc0, 0xff, 0xef});
-    const PublicKeyInfo otherSize(3072, ByteArray{0x01, 0x00, 0x01}, ByteArray{0xc0, 0xff, 0xee});
+    const ByteArray e{0x01, 0x00, 0x01};
+    const PublicKeyInfo rsa(2048, e, ByteArray{0xc0, 0xff, 0xee});
     const PublicKeyInfo ec(256, ByteArray{0x04, 0x01}, fc::EllipticCurve::Prime256v1);
-    const PublicKeyInfo ed(256, ByteArray{0x04, 0x01}, fc::EllipticCurve::Ed25519);
-    const PublicKeyInfo ecLikeRsa(2048, ByteArray{0x01, 0x00, 0x01}, fc::EllipticCurve::Prime256v1);
-    EXPECT_EQ(rsa, sameRsa);
-    EXPECT_NE(rsa, otherModulus);
-    EXPECT_NE(rsa, otherSize);
-    EXPECT_NE(ec, ed);
-    EXPECT_NE(rsa, ecLikeRsa);
-    EXPECT_EQ(ec, ec);
+    EXPECT_EQ(rsa, PublicKeyInfo(2048, e, ByteArray{0xc0, 0xff, 0xee}));
+    EXPECT_NE(rsa, PublicKeyInfo(2048, e, ByteArray{0xc0, 0xff, 0xef}));
+    EXPECT_NE(rsa, PublicKeyInfo(3072, e, ByteArray{0xc0, 0xff, 0xee}));
+    EXPECT_NE(rsa, PublicKeyInfo(2048, e, fc::EllipticCurve::Prime256v1));  // same bytes, ECC
+    EXPECT_EQ(ec, PublicKeyInfo(256, ByteArray{0x04, 0x01}, fc::EllipticCurve::Prime256v1));
+    EXPECT_NE(ec, PublicKeyInfo(256, ByteArray{0x04, 0x01}, fc::EllipticCurve::Ed25519));
 }
 
 }  // namespace
