@@ -10,14 +10,12 @@
 #include <foundation/certificates/CertificateValidation.hpp>
 #include <foundation/certificates/Exceptions.hpp>
 #include <foundation/certificates/TrustStore.hpp>
-#include <foundation/certificates/X509Certificate.hpp>
 #include <foundation/certificates/X509CertificateChain.hpp>
 
 #include <gtest/gtest.h>
 #include <openssl/x509v3.h>
 
 #include <atomic>
-#include <memory>
 #include <optional>
 #include <thread>
 #include <tuple>
@@ -34,6 +32,7 @@ using Revocation = fc::CertificateRevocationResults::RevocationStatus;
 namespace {
 
 constexpr char kServer[] = "127.0.0.31";
+constexpr long kDay = testsupport::kDay;
 
 Options options(bool selfSigned = false, bool expired = false, bool revoked = false,
                 Check check = Check::None, Download download = Download::No) {
@@ -42,7 +41,7 @@ Options options(bool selfSigned = false, bool expired = false, bool revoked = fa
                    static_cast<Options::AllowRevokedCertificate>(revoked), check, download);
 }
 
-Options crlOptions(Check check, Download download) {
+Options crl(Check check, Download download) {
     return options(false, false, false, check, download);
 }
 
@@ -53,66 +52,56 @@ std::string errorText(int code, const std::string& name, const std::string& mess
            ".example.test,O=Foundation Test\n. \nMessage:" + message + "\n";
 }
 
-// Intermediates and leaves with revocation-list distribution points on kServer, made once.
+// Intermediates of the root's and leaves of the intermediate's, each naming its revocation list
+// on kServer, made once.
 struct ValidationPKI {
     const testsupport::TestPKI& base = testsupport::rsaPKI();
-    X509Certificate root{testsupport::toPEM(base.root.get())};
-    fc::X509UPtr intermediateX509 = issue("Intermediate", base.root.get(), base.rootKey.get(),
-                                          base.intermediateKey.get(), "02", "intermediate.crl");
-    X509Certificate intermediate{testsupport::toPEM(intermediateX509.get())};
+    X509Certificate root{base.root.get()};
+    fc::TrustStore trusted = [this] {
+        fc::TrustStore store;
+        store.addCertificate(root);
+        return store;
+    }();
+    fc::X509UPtr intermediateX509 = issue("Intermediate", "02", "intermediate.crl", true);
+    X509CertificateChain chain{testsupport::toPEM(intermediateX509.get())};
     // Same name and key, but its own list cannot be fetched.
-    X509Certificate unfetchable{
-        testsupport::toPEM(issue("Intermediate", base.root.get(), base.rootKey.get(),
-                                 base.intermediateKey.get(), "12", "missing.crl")
-                               .get())};
-    X509Certificate leaf = leafCertificate("good", "1001", "leaf.crl");
-    X509Certificate revoked = leafCertificate("revoked", "1002", "leaf.crl");
-    X509Certificate staleListLeaf = leafCertificate("stale", "1003", "stale.crl");
-    X509Certificate forgedListLeaf = leafCertificate("forged", "1004", "forged.crl");
-    X509Certificate expired =
-        leafCertificate("expired", "1005", "leaf.crl", -10 * testsupport::kDay, -testsupport::kDay);
-    X509Certificate notYetValid =
-        leafCertificate("future", "1006", "leaf.crl", testsupport::kDay, 10 * testsupport::kDay);
+    X509CertificateChain unfetchable{
+        testsupport::toPEM(issue("Intermediate", "12", "missing.crl", true).get())};
+    X509Certificate leaf{issue("good", "1001", "leaf.crl").get()};
+    X509Certificate revoked{issue("revoked", "1002", "leaf.crl").get()};
+    X509Certificate staleListLeaf{issue("stale", "1003", "stale.crl").get()};
+    X509Certificate forgedListLeaf{issue("forged", "1004", "forged.crl").get()};
+    X509Certificate expired{issue("expired", "1005", "leaf.crl", false, -10 * kDay, -kDay).get()};
+    X509Certificate notYetValid{issue("future", "1006", "leaf.crl", false, kDay, 10 * kDay).get()};
     // Names the intermediate as issuer, but the signature is the root's.
     X509Certificate badSignature{
-        testsupport::toPEM(issue("bad-signature.example.test", intermediateX509.get(),
-                                 base.rootKey.get(), base.leafKey.get(), "1007", "leaf.crl")
-                               .get())};
-    X509Certificate selfSigned{testsupport::toPEM(
-        issue("self.example.test", nullptr, nullptr,
-              testsupport::sharedKey(testsupport::KeyKind::P256), "1008", "leaf.crl")
-            .get())};
-
-    static fc::X509UPtr issue(const std::string& cn, X509* issuer, EVP_PKEY* issuerKey,
-                              EVP_PKEY* key, const std::string& serial, const std::string& list,
-                              long notBefore = -3600, long notAfter = 365 * testsupport::kDay) {
+        issue("bad-signature", "1007", "leaf.crl", false, -3600, kDay, base.rootKey.get()).get()};
+    X509Certificate selfSigned = [] {
         testsupport::CertificateRecipe recipe;
-        recipe.subject = {{"O", "Foundation Test"}, {"CN", cn}};
-        recipe.key = key;
-        recipe.issuer = issuer;
-        recipe.issuerKey = issuerKey;
+        recipe.subject = {{"CN", "self.example.test"}};
+        recipe.key = testsupport::sharedKey(testsupport::KeyKind::P256);
+        return X509Certificate(testsupport::makeCertificate(recipe).get());
+    }();
+
+    // Leaves are called "<name>.example.test".
+    fc::X509UPtr issue(const std::string& name, const std::string& serial, const std::string& list,
+                       bool isIntermediate = false, long notBefore = -3600, long notAfter = kDay,
+                       EVP_PKEY* signer = nullptr) const {
+        testsupport::CertificateRecipe recipe;
+        recipe.subject = {{"O", "Foundation Test"},
+                          {"CN", isIntermediate ? name : name + ".example.test"}};
+        recipe.key = isIntermediate ? base.intermediateKey.get() : base.leafKey.get();
+        recipe.issuer = isIntermediate ? base.root.get() : intermediateX509.get();
+        recipe.issuerKey = signer != nullptr ? signer
+                           : isIntermediate  ? base.rootKey.get()
+                                             : base.intermediateKey.get();
+        recipe.ca = isIntermediate;
         recipe.serialHex = serial;
-        recipe.ca = cn == "Intermediate";  // the only CAs below the root
         recipe.notBeforeOffset = notBefore;
         recipe.notAfterOffset = notAfter;
         recipe.extensions = {
             {NID_crl_distribution_points, "URI:http://" + std::string(kServer) + "/" + list}};
         return testsupport::makeCertificate(recipe);
-    }
-
-    X509Certificate leafCertificate(const std::string& name, const std::string& serial,
-                                    const std::string& list, long notBefore = -3600,
-                                    long notAfter = 365 * testsupport::kDay) const {
-        return X509Certificate(testsupport::toPEM(
-            issue(name + ".example.test", intermediateX509.get(), base.intermediateKey.get(),
-                  base.leafKey.get(), serial, list, notBefore, notAfter)
-                .get()));
-    }
-
-    fc::TrustStore trustingRoot() const {
-        fc::TrustStore store;
-        store.addCertificate(root);
-        return store;
     }
 };
 
@@ -121,56 +110,43 @@ const ValidationPKI& pki() {
     return instance;
 }
 
-X509CertificateChain chainOf(std::initializer_list<X509Certificate> certificates) {
-    X509CertificateChain chain;
-    for (const X509Certificate& certificate : certificates) chain.addCertificate(certificate);
-    return chain;
-}
-
 TEST(Validation, OfflineOutcomes) {
-    using P = ValidationPKI;
-    const std::vector<std::tuple<X509Certificate P::*, bool, Options, Status, std::string>> cases{
-        {&P::leaf, true, options(), Status::Valid, ""},
-        {&P::leaf, false, options(), Status::InvalidChain,
-         errorText(20, "good", "unable to get local issuer certificate")},
-        {&P::selfSigned, false, options(), Status::SelfSigned, ""},
-        {&P::selfSigned, false, options(true), Status::Valid, ""},
-        {&P::expired, true, options(), Status::Expired,
-         errorText(10, "expired", "certificate has expired")},
-        {&P::expired, true, options(false, true), Status::Valid, ""},
-        {&P::notYetValid, true, options(false, true), Status::ValidationFailed,
-         "Validation Failed. Return code=9." +
-             errorText(9, "future", "certificate is not yet valid")},
-        {&P::badSignature, true, options(), Status::InvalidSignature,
-         errorText(7, "bad-signature", "certificate signature failure")},
-    };
-    const P& p = pki();
-    for (const auto& [certificate, withIntermediate, opts, status, text] : cases) {
-        SCOPED_TRACE((p.*certificate).getSubjectName());
-        const auto results = (p.*certificate)
-                                 .validateCertificate(withIntermediate ? chainOf({p.intermediate})
-                                                                       : X509CertificateChain(),
-                                                      opts, p.trustingRoot());
+    const ValidationPKI& p = pki();
+    const X509CertificateChain none, withLeaf(p.leaf.getAsPEMString() + p.chain.getAsString());
+    const std::vector<std::tuple<const X509Certificate*, const X509CertificateChain*, Options,
+                                 Status, std::string>>
+        cases{{&p.leaf, &p.chain, options(), Status::Valid, ""},
+              // A chain starting with the certificate itself gives the same result.
+              {&p.leaf, &withLeaf, options(), Status::Valid, ""},
+              {&p.leaf, &none, options(), Status::InvalidChain,
+               errorText(20, "good", "unable to get local issuer certificate")},
+              {&p.selfSigned, &none, options(), Status::SelfSigned, ""},
+              {&p.selfSigned, &none, options(true), Status::Valid, ""},
+              {&p.expired, &p.chain, options(), Status::Expired,
+               errorText(10, "expired", "certificate has expired")},
+              {&p.expired, &p.chain, options(false, true), Status::Valid, ""},
+              {&p.notYetValid, &p.chain, options(false, true), Status::ValidationFailed,
+               "Validation Failed. Return code=9." +
+                   errorText(9, "future", "certificate is not yet valid")},
+              {&p.badSignature, &p.chain, options(), Status::InvalidSignature,
+               errorText(7, "bad-signature", "certificate signature failure")}};
+    for (const auto& [certificate, chain, opts, status, text] : cases) {
+        SCOPED_TRACE(certificate->getSubjectName());
+        const auto results = certificate->validateCertificate(*chain, opts, p.trusted);
         EXPECT_EQ(results.getCertificateChainStatus(), status);
         EXPECT_EQ(results.getValidationErrorString(), text);
         EXPECT_EQ(results.getCertificateRevocationResults().getRevocationStatus(),
                   Revocation::NotRevoked);
     }
-    // A chain starting with the certificate itself gives the same result.
-    EXPECT_EQ(
-        p.leaf.validateCertificate(chainOf({p.leaf, p.intermediate}), options(), p.trustingRoot())
-            .getCertificateChainStatus(),
-        Status::Valid);
 }
 
 TEST(Validation, RootCACertificateIsTheTrustAnchorOfTheVerifiedChain) {
     const ValidationPKI& p = pki();
-    EXPECT_EQ(p.leaf.getRootCACertificate(chainOf({p.intermediate}), p.trustingRoot()), p.root);
+    EXPECT_EQ(p.leaf.getRootCACertificate(p.chain, p.trusted), p.root);
     // Expired and self-signed chains are forgiven while looking for the anchor.
-    EXPECT_EQ(p.expired.getRootCACertificate(chainOf({p.intermediate}), p.trustingRoot()), p.root);
-    EXPECT_EQ(p.selfSigned.getRootCACertificate(X509CertificateChain(), p.trustingRoot()),
-              p.selfSigned);
-    EXPECT_THROW_MSG(p.leaf.getRootCACertificate(X509CertificateChain(), p.trustingRoot()),
+    EXPECT_EQ(p.expired.getRootCACertificate(p.chain, p.trusted), p.root);
+    EXPECT_EQ(p.selfSigned.getRootCACertificate(X509CertificateChain(), p.trusted), p.selfSigned);
+    EXPECT_THROW_MSG(p.leaf.getRootCACertificate(X509CertificateChain(), p.trusted),
                      fc::X509CertificateException,
                      "Error: Root CA X509Certificate has no content.");
 }
@@ -183,7 +159,7 @@ TEST(Validation, EmptyTrustStoreUsesThePlatformsCertificates) {
     for (const auto& [anchor, status] :
          {std::pair{&p.root, Status::Valid}, std::pair{&p.selfSigned, Status::InvalidChain}}) {
         bundle.write(anchor->getAsPEMString());
-        EXPECT_EQ(p.leaf.validateCertificate(chainOf({p.intermediate}), options(), fc::TrustStore())
+        EXPECT_EQ(p.leaf.validateCertificate(p.chain, options(), fc::TrustStore())
                       .getCertificateChainStatus(),
                   status);
     }
@@ -191,19 +167,14 @@ TEST(Validation, EmptyTrustStoreUsesThePlatformsCertificates) {
 
 TEST(ValidationConcurrency, ValidationsShareAStoreAndACertificate) {
     const ValidationPKI& p = pki();
-    const fc::TrustStore store = p.trustingRoot();
-    const X509CertificateChain chain = chainOf({p.intermediate});
-    std::vector<std::thread> threads;
     std::atomic<int> wrong{0};
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&, t] {
-            const X509Certificate& subject = t % 2 == 0 ? p.leaf : p.expired;
-            const Status expected = t % 2 == 0 ? Status::Valid : Status::Expired;
+    std::vector<std::thread> threads;
+    for (const X509Certificate* subject : {&p.leaf, &p.expired, &p.leaf, &p.expired}) {
+        threads.emplace_back([&, subject] {
+            const Status expected = subject == &p.leaf ? Status::Valid : Status::Expired;
             for (int i = 0; i < 10; ++i) {
-                if (subject.validateCertificate(chain, options(), store)
-                        .getCertificateChainStatus() != expected) {
-                    ++wrong;
-                }
+                wrong += subject->validateCertificate(p.chain, options(), p.trusted)
+                             .getCertificateChainStatus() != expected;
             }
         });
     }
@@ -217,20 +188,19 @@ class RevocationTest : public ::testing::Test {
         server = std::make_unique<testsupport::StaticHttpServer>(kServer);
         if (!server->running()) return;
         const ValidationPKI& p = pki();
-        const auto& base = p.base;
-        const auto list = [&](EVP_PKEY* signer, X509* issuer, long nextUpdate,
-                              std::vector<testsupport::RevokedEntry> revoked) {
-            testsupport::CRLRecipe recipe{issuer, signer, std::move(revoked)};
-            recipe.nextUpdateOffset = nextUpdate;
-            return testsupport::crlToDER(testsupport::makeCRL(recipe).get());
+        const auto der = [](const fc::X509CRLUPtr& list) {
+            return testsupport::crlToDER(list.get());
         };
         X509* intermediate = p.intermediateX509.get();
-        EVP_PKEY* intermediateKey = base.intermediateKey.get();
-        const long week = 7 * testsupport::kDay;
-        server->put("leaf.crl", list(intermediateKey, intermediate, week, {{"1002", 1700000000}}));
-        server->put("intermediate.crl", list(base.rootKey.get(), base.root.get(), week, {}));
-        server->put("stale.crl", list(intermediateKey, intermediate, -60, {}));
-        server->put("forged.crl", list(base.rootKey.get(), intermediate, week, {}));
+        testsupport::CRLRecipe leafList{intermediate,
+                                        p.base.intermediateKey.get(),
+                                        {{"1002", 1700000000}}};  // Nov 14 22:13:20 2023 GMT
+        server->put("leaf.crl", der(testsupport::makeCRL(leafList)));
+        leafList.nextUpdateOffset = -60;
+        server->put("stale.crl", der(testsupport::makeCRL(leafList)));
+        server->put("intermediate.crl",
+                    der(testsupport::makeCRL(p.base.root.get(), p.base.rootKey.get())));
+        server->put("forged.crl", der(testsupport::makeCRL(intermediate, p.base.rootKey.get())));
     }
     static void TearDownTestSuite() { server.reset(); }
     void SetUp() override {
@@ -243,103 +213,75 @@ class RevocationTest : public ::testing::Test {
     static inline std::unique_ptr<testsupport::StaticHttpServer> server;
 };
 
-TEST_F(RevocationTest, RevokedLeafReportsTheListEntry) {
+TEST_F(RevocationTest, CheckingAndDownloading) {
     const ValidationPKI& p = pki();
-    const auto results = p.revoked.validateCertificate(
-        chainOf({p.intermediate}), crlOptions(Check::LeafOnly, Download::ThrowOnError),
-        p.trustingRoot());
-    EXPECT_EQ(results.getCertificateChainStatus(), Status::Revoked);
-    EXPECT_EQ(results.getValidationErrorString(), errorText(23, "revoked", "certificate revoked"));
-    const auto revocation = results.getCertificateRevocationResults();
-    EXPECT_EQ(revocation.getRevocationStatus(), Revocation::Revoked);
-    EXPECT_EQ(revocation.getRevocationDateString(), "Nov 14 22:13:20 2023 GMT");
-    EXPECT_EQ(revocation.getRevokedSerialNumberString(), "4098");
-}
-
-TEST_F(RevocationTest, CheckingDownloadingAndFailedLists) {
-    using P = ValidationPKI;
-    const std::vector<std::string> none, leafOnly{"/leaf.crl"},
-        both{"/leaf.crl", "/intermediate.crl"};
-    const std::string notFound =
-        "CRL Download Error: Unable to get Certificate Revocation List "
-        "HTTP data. CRL Download Error: Response returned with status "
-        "code: 404\n\n";
-    struct Case {
-        X509Certificate P::*certificate;
-        Options options;
-        Status status;
-        std::optional<std::vector<std::string>> requests;  // none: not pinned
-        std::string thrown = {};
-        X509Certificate P::*intermediate = &P::intermediate;
-    };
-    const std::vector<Case> cases{
+    using Paths = std::vector<std::string>;
+    using Requests = std::optional<Paths>;  // none: not pinned
+    const Requests leafOnly = Paths{"/leaf.crl"}, both = Paths{"/leaf.crl", "/intermediate.crl"};
+    const std::vector<std::tuple<const X509Certificate*, Options, Requests, Status>> cases{
         // Exactly one list for LeafOnly: the intermediate's is never requested.
-        {&P::revoked, crlOptions(Check::LeafOnly, Download::ThrowOnError), Status::Revoked,
-         leafOnly},
-        {&P::leaf, crlOptions(Check::FullChain, Download::ThrowOnError), Status::Valid, both},
-        {&P::revoked, crlOptions(Check::FullChain, Download::IgnoreErrors), Status::Revoked, both},
+        {&p.revoked, crl(Check::LeafOnly, Download::ThrowOnError), leafOnly, Status::Revoked},
+        {&p.leaf, crl(Check::FullChain, Download::ThrowOnError), both, Status::Valid},
+        {&p.revoked, crl(Check::FullChain, Download::IgnoreErrors), both, Status::Revoked},
         // Allowed revocation is not checked.
-        {&P::revoked, options(false, false, true, Check::LeafOnly, Download::ThrowOnError),
-         Status::Valid, std::nullopt},
+        {&p.revoked, options(false, false, true, Check::LeafOnly, Download::ThrowOnError),
+         std::nullopt, Status::Valid},
         // Downloaded but not checked.
-        {&P::revoked, crlOptions(Check::None, Download::ThrowOnError), Status::Valid, both},
+        {&p.revoked, crl(Check::None, Download::ThrowOnError), both, Status::Valid},
         // No download means no network and no check.
-        {&P::revoked, crlOptions(Check::FullChain, Download::No), Status::Valid, none},
-        // One list that cannot be fetched switches checking off, or throws.
-        {&P::revoked, crlOptions(Check::FullChain, Download::IgnoreErrors), Status::Valid,
-         std::nullopt, "", &P::unfetchable},
-        {&P::revoked, crlOptions(Check::FullChain, Download::ThrowOnError), Status::Valid,
-         std::nullopt, notFound, &P::unfetchable},
-        // So do lists that are refused.
-        {&P::staleListLeaf, crlOptions(Check::LeafOnly, Download::IgnoreErrors), Status::Valid,
-         std::nullopt},
-        {&P::staleListLeaf, crlOptions(Check::LeafOnly, Download::ThrowOnError), Status::Valid,
-         std::nullopt, "CRL Verification Error: Certificate Revocation List has expired\n"},
-        {&P::forgedListLeaf, crlOptions(Check::LeafOnly, Download::ThrowOnError), Status::Valid,
-         std::nullopt,
-         "CRL Verification Error: Failed to verify the Certificate Revocation List signature\n"},
-    };
-    const P& p = pki();
-    const fc::TrustStore store = p.trustingRoot();
-    for (std::size_t i = 0; i < cases.size(); ++i) {
-        SCOPED_TRACE("case " + std::to_string(i));
-        const Case& c = cases[i];
+        {&p.revoked, crl(Check::FullChain, Download::No), Paths{}, Status::Valid}};
+    for (const auto& [certificate, opts, requests, status] : cases) {
         const std::size_t before = server->requestedPaths().size();
-        const auto validate = [&] {
-            return (p.*c.certificate)
-                .validateCertificate(chainOf({p.*c.intermediate}), c.options, store);
-        };
-        if (!c.thrown.empty()) {
-            EXPECT_THROW_MSG(validate(), fc::X509CertificateException, c.thrown);
-            continue;
+        const auto results = certificate->validateCertificate(p.chain, opts, p.trusted);
+        EXPECT_EQ(results.getCertificateChainStatus(), status);
+        const bool revoked = status == Status::Revoked;
+        EXPECT_EQ(results.getValidationErrorString(),
+                  revoked ? errorText(23, "revoked", "certificate revoked") : "");
+        const auto revocation = results.getCertificateRevocationResults();
+        EXPECT_EQ(revocation.getRevocationStatus(),
+                  revoked ? Revocation::Revoked : Revocation::NotRevoked);
+        if (revoked) {
+            EXPECT_EQ(revocation.getRevocationDateString(), "Nov 14 22:13:20 2023 GMT");
+            EXPECT_EQ(revocation.getRevokedSerialNumberString(), "4098");
         }
-        EXPECT_EQ(validate().getCertificateChainStatus(), c.status);
         const auto all = server->requestedPaths();
-        if (c.requests) {
-            EXPECT_EQ(std::vector<std::string>(all.begin() + static_cast<long>(before), all.end()),
-                      *c.requests);
+        if (requests) {
+            EXPECT_EQ(Paths(all.begin() + static_cast<long>(before), all.end()), *requests);
         }
     }
-    // The caller's trust store never receives a list.
-    EXPECT_EQ(store.size(), 1u);
-    EXPECT_EQ(store.getPEMStrings().size(), 1u);
+    EXPECT_EQ(p.trusted.size(), 1u);  // the caller's trust store never receives a list
 }
 
-TEST_F(RevocationTest, UnreachableRootThrowsOnlyWithThrowOnError) {
+// ThrowOnError throws; IgnoreErrors goes on without revocation checking.
+TEST_F(RevocationTest, UnusableListsSwitchCheckingOffOrThrow) {
     const ValidationPKI& p = pki();
     fc::TrustStore unrelated;
     unrelated.addCertificate(p.selfSigned);
-    EXPECT_THROW_MSG(p.revoked.validateCertificate(
-                         chainOf({p.intermediate}),
-                         crlOptions(Check::LeafOnly, Download::ThrowOnError), unrelated),
-                     fc::X509CertificateException,
-                     "CRL Download Error: Failed to retrieve Root CA certificate\n");
-    EXPECT_EQ(
-        p.revoked
-            .validateCertificate(chainOf({p.intermediate}),
-                                 crlOptions(Check::LeafOnly, Download::IgnoreErrors), unrelated)
-            .getCertificateChainStatus(),
-        Status::InvalidChain);
+    const std::vector<std::tuple<const X509Certificate*, const X509CertificateChain*, Check,
+                                 const fc::TrustStore*, std::string, Status>>
+        cases{
+            {&p.revoked, &p.unfetchable, Check::FullChain, &p.trusted,
+             "CRL Download Error: Unable to get Certificate Revocation List HTTP data. CRL "
+             "Download Error: Response returned with status code: 404\n\n",
+             Status::Valid},
+            {&p.staleListLeaf, &p.chain, Check::LeafOnly, &p.trusted,
+             "CRL Verification Error: Certificate Revocation List has expired\n", Status::Valid},
+            {&p.forgedListLeaf, &p.chain, Check::LeafOnly, &p.trusted,
+             "CRL Verification Error: Failed to verify the Certificate Revocation List "
+             "signature\n",
+             Status::Valid},
+            // A root that cannot be found throws before verification.
+            {&p.revoked, &p.chain, Check::LeafOnly, &unrelated,
+             "CRL Download Error: Failed to retrieve Root CA certificate\n", Status::InvalidChain}};
+    for (const auto& [certificate, chain, check, store, message, ignored] : cases) {
+        EXPECT_THROW_MSG(
+            certificate->validateCertificate(*chain, crl(check, Download::ThrowOnError), *store),
+            fc::X509CertificateException, message);
+        EXPECT_EQ(
+            certificate->validateCertificate(*chain, crl(check, Download::IgnoreErrors), *store)
+                .getCertificateChainStatus(),
+            ignored);
+    }
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 
+#include <functional>
 #include <sstream>
 
 namespace fc = foundation::certificates;
@@ -20,22 +21,15 @@ namespace {
 
 class ChainTest : public ::testing::Test {
   protected:
-    // The chain loader reads PEM only and refuses the whole text for one bad record.
-    static void expectRefused(const std::string& text, const std::string& message) {
-        EXPECT_THROW_MSG(X509CertificateChain{text}, fc::X509CertificateChainException, message);
-        EXPECT_EQ(ERR_peek_error(), 0u);
-    }
-
     const testsupport::TestPKI& pki = testsupport::rsaPKI();
     const std::string rootPem = testsupport::toPEM(pki.root.get());
     const std::string intermediatePem = testsupport::toPEM(pki.intermediate.get());
     const std::string leafPem = testsupport::toPEM(pki.leaf.get());
-    const X509Certificate root{rootPem};
-    const X509Certificate intermediate{intermediatePem};
-    const X509Certificate leaf{leafPem};
+    const X509Certificate root{rootPem}, intermediate{intermediatePem}, leaf{leafPem};
+    const std::string printHeader = "Printing certificate chain.\n---------------------------\n";
 };
 
-TEST_F(ChainTest, LoadsEveryBlockInOrderAndWritesUnwrappedBase64) {
+TEST_F(ChainTest, LoadsEveryBlockInOrderWritesUnwrappedBase64AndCompares) {
     const X509CertificateChain chain("# a bundle\n" + leafPem + "comment between blocks\n" +
                                      intermediatePem + "\n\n" + rootPem + "trailing text");
     EXPECT_EQ(chain.getCertificates(), (Certificates{leaf, intermediate, root}));
@@ -49,30 +43,40 @@ TEST_F(ChainTest, LoadsEveryBlockInOrderAndWritesUnwrappedBase64) {
     EXPECT_EQ(two.getAsString(), "-----BEGIN CERTIFICATE-----\n" + leaf.getAsString() +
                                      "\n-----END CERTIFICATE-----\n-----BEGIN CERTIFICATE-----\n" +
                                      root.getAsString() + "\n-----END CERTIFICATE-----\n");
-    EXPECT_EQ(X509CertificateChain(two.getAsString()), two);
     std::ostringstream printed, expected;
     two.print(printed);
-    expected << "Printing certificate chain.\n---------------------------\n"
-             << leaf << '\n'
-             << root << '\n';
+    expected << printHeader << leaf << '\n' << root << '\n';
     EXPECT_EQ(printed.str(), expected.str());
+    // Equality is element-wise and ordered.
+    EXPECT_EQ(X509CertificateChain(two.getAsString()), two);
+    EXPECT_NE(X509CertificateChain(rootPem + leafPem), two);
+    EXPECT_NE(X509CertificateChain(leafPem), two);
+    EXPECT_TRUE(two == two);
 }
 
-TEST_F(ChainTest, RefusesTextWithoutBlocksAndDamagedOrWeakBlocks) {
+TEST_F(ChainTest, OneBadRecordRefusesTheWholeText) {
     const fc::ByteArray der = testsupport::toDER(pki.leaf.get());
-    expectRefused("no certificates here", "Error: Loading a certificate chain failed. Reason=");
-    expectRefused(std::string(der.begin(), der.end()),
-                  "Error: Loading a certificate chain failed. Reason=");
-    expectRefused(
-        leafPem + rootPem +
-            "-----BEGIN CERTIFICATE-----\nMIIB!!!!not base64\n-----END CERTIFICATE-----\n",
-        "Error: Loading a certificate chain failed. Reason=bad base64 decode");
+    const std::string failed = "Error: Loading a certificate chain failed. Reason=";
+    const std::string badRecord =
+        "Error: Unable to parse X509 certificate inside X509 certificate chain.";
     testsupport::CertificateRecipe weak;
     weak.key = testsupport::sharedKey(testsupport::KeyKind::RSA512);
-    expectRefused(leafPem + testsupport::toPEM(testsupport::makeCertificate(weak).get()),
-                  "Error: Unable to parse X509 certificate inside X509 certificate chain.RSA "
-                  "key size does not meet minimum cryptographic requirements");
-
+    // A revocation list is filed into its neighbour's record; alone, its record has no certificate.
+    const std::string crlPem =
+        testsupport::crlToPEM(testsupport::makeCRL(pki.root.get(), pki.rootKey.get()).get());
+    EXPECT_EQ(X509CertificateChain(rootPem + crlPem).getCertificates(), Certificates{root});
+    for (const auto& [text, message] : std::vector<std::pair<std::string, std::string>>{
+             {"no certificates here", failed},
+             {std::string(der.begin(), der.end()), failed},  // DER is no PEM at all
+             {leafPem + rootPem +
+                  "-----BEGIN CERTIFICATE-----\nMIIB!!!!not base64\n-----END CERTIFICATE-----\n",
+              failed + "bad base64 decode"},
+             {leafPem + testsupport::toPEM(testsupport::makeCertificate(weak).get()),
+              badRecord + "RSA key size does not meet minimum cryptographic requirements"},
+             {crlPem, badRecord + "Error: X509Certificate has no content."}}) {
+        EXPECT_THROW_MSG(X509CertificateChain{text}, fc::X509CertificateChainException, message);
+        EXPECT_EQ(ERR_peek_error(), 0u);
+    }
     EXPECT_THROW_MSG(X509CertificateChain{std::string()}, fc::InvalidArgument,
                      "The provided certificate chain string has no content.");
     std::istringstream atEnd(leafPem);
@@ -81,30 +85,10 @@ TEST_F(ChainTest, RefusesTextWithoutBlocksAndDamagedOrWeakBlocks) {
                      "The input certificate chain data stream is invalid.");
 }
 
-TEST_F(ChainTest, CRLBlocksShareARecordWithTheirNeighbour) {
-    const std::string crlPem =
-        testsupport::crlToPEM(testsupport::makeCRL(pki.root.get(), pki.rootKey.get()).get());
-    EXPECT_EQ(X509CertificateChain(rootPem + crlPem).getCertificates(), Certificates{root});
-    // Alone, its record has no certificate.
-    expectRefused(crlPem,
-                  "Error: Unable to parse X509 certificate inside X509 certificate chain."
-                  "Error: X509Certificate has no content.");
-}
-
-TEST_F(ChainTest, EmptyChain) {
-    X509CertificateChain chain;
-    EXPECT_TRUE(chain.empty());
-    EXPECT_EQ(chain.getNumCertificates(), 0u);
-    EXPECT_EQ(chain.getAsString(), "");
-    std::ostringstream printed;
-    printed << chain;
-    EXPECT_EQ(printed.str(), "Printing certificate chain.\n---------------------------\n");
-    EXPECT_THROW_MSG(chain.popLeafCertificate(), fc::X509CertificateChainException,
-                     "X509CertificateChain has no content.");
-    EXPECT_EQ(chain, X509CertificateChain());
-}
-
 TEST_F(ChainTest, PopsTheFirstCertificateThatIsNoCA) {
+    X509CertificateChain empty;
+    EXPECT_THROW_MSG(empty.popLeafCertificate(), fc::X509CertificateChainException,
+                     "X509CertificateChain has no content.");
     X509CertificateChain chain(rootPem + intermediatePem + leafPem);
     EXPECT_EQ(chain.popLeafCertificate(), leaf);
     EXPECT_EQ(chain.getCertificates(), (Certificates{root, intermediate}));
@@ -112,28 +96,28 @@ TEST_F(ChainTest, PopsTheFirstCertificateThatIsNoCA) {
                      "Unable to find a leaf certificate in the given certificate chain");
     EXPECT_EQ(chain.getNumCertificates(), 2u);  // unchanged by the failure
 
-    const X509Certificate otherLeaf(testsupport::toPEM(testsupport::ecPKI().leaf.get()));
+    const X509Certificate otherLeaf(testsupport::ecPKI().leaf.get());
     X509CertificateChain twoLeaves(leafPem);
     twoLeaves.addCertificate(otherLeaf);
     EXPECT_EQ(twoLeaves.popLeafCertificate(), leaf);
     EXPECT_EQ(twoLeaves.getCertificates(), Certificates{otherLeaf});
 }
 
-TEST_F(ChainTest, EqualityIsElementWiseAndOrdered) {
-    const X509CertificateChain forward(leafPem + rootPem);
-    EXPECT_EQ(forward, X509CertificateChain(leafPem + rootPem));
-    EXPECT_NE(forward, X509CertificateChain(rootPem + leafPem));
-    EXPECT_NE(forward, X509CertificateChain(leafPem));
-    EXPECT_TRUE(forward == forward);
-}
+TEST_F(ChainTest, EmptyAddCopyAndMove) {
+    X509CertificateChain original;
+    EXPECT_TRUE(original.empty());
+    EXPECT_EQ(original.getNumCertificates(), 0u);
+    EXPECT_EQ(original.getAsString(), "");
+    std::ostringstream printed;
+    printed << original;
+    EXPECT_EQ(printed.str(), printHeader);
+    EXPECT_EQ(original, X509CertificateChain());
 
-TEST_F(ChainTest, AddCopyAndMove) {
-    X509CertificateChain original(leafPem);
+    original.addCertificate(leaf);
     original.addCertificate(leaf);  // duplicates are kept
     EXPECT_THROW_MSG(original.addCertificate(X509Certificate()), fc::InvalidArgument,
                      "The provided certificate has no content.");
-    X509CertificateChain copy(original);
-    X509CertificateChain assigned;
+    X509CertificateChain copy(original), assigned;
     assigned = original;
     original.addCertificate(root);
     EXPECT_EQ(copy.getCertificates(), (Certificates{leaf, leaf}));
@@ -141,14 +125,15 @@ TEST_F(ChainTest, AddCopyAndMove) {
 
     X509CertificateChain moved(std::move(original));
     EXPECT_EQ(moved.getNumCertificates(), 3u);
-    const std::string message = "Error: X509CertificateChain is uninitialized.";
-    EXPECT_THROW_MSG(original.getCertificates(), fc::X509CertificateChainException, message);
-    EXPECT_THROW_MSG(original.popLeafCertificate(), fc::X509CertificateChainException, message);
-    EXPECT_THROW_MSG(original == moved, fc::X509CertificateChainException, message);
-    EXPECT_THROW_MSG(X509CertificateChain{original}, fc::X509CertificateChainException, message);
+    for (const std::function<void()>& use : std::vector<std::function<void()>>{
+             [&] { original.getCertificates(); }, [&] { original.popLeafCertificate(); },
+             [&] { static_cast<void>(original == moved); },
+             [&] { X509CertificateChain{original}; }}) {
+        EXPECT_THROW_MSG(use(), fc::X509CertificateChainException,
+                         "Error: X509CertificateChain is uninitialized.");
+    }
     original.addCertificate(leaf);  // adding brings it back
     EXPECT_EQ(original.getCertificates(), Certificates{leaf});
-
     copy = std::move(moved);  // move assignment exchanges
     EXPECT_EQ(copy.getNumCertificates(), 3u);
     EXPECT_EQ(moved.getNumCertificates(), 2u);

@@ -12,57 +12,50 @@
 #include <openssl/x509v3.h>
 
 #include <sstream>
+#include <tuple>
 
 namespace fc = foundation::certificates;
 using fc::ByteArray;
 using fc::X509Certificate;
 using testsupport::CertificateRecipe;
 using testsupport::KeyKind;
-using Attributes = std::vector<std::pair<std::string, std::string>>;
 
 namespace {
 
 X509Certificate make(CertificateRecipe recipe) {
     if (recipe.key == nullptr) recipe.key = testsupport::sharedKey(KeyKind::P256);
-    return X509Certificate(testsupport::toDER(testsupport::makeCertificate(recipe).get()));
+    return X509Certificate(testsupport::makeCertificate(recipe).get());
 }
-
-X509Certificate withSubject(Attributes subject) {
-    CertificateRecipe recipe;
-    recipe.subject = std::move(subject);
-    return make(recipe);
-}
-
-X509Certificate fromX509(X509* x) { return X509Certificate(testsupport::toDER(x)); }
 
 TEST(X509CertificateNames, TextMapAndCommonName) {
+    using Attributes = std::vector<std::pair<std::string, std::string>>;
     struct Case {
         Attributes subject;
-        std::string text;  // most specific first, RFC 2253 escaping
+        std::string text;                                         // RFC 2253, most specific first
         std::unordered_map<std::string, std::string> attributes;  // also gives the CN
     };
-    const std::vector<Case> cases{
-        {{{"C", "US"}, {"O", "Example Org"}, {"CN", "Example Leaf"}},
-         "CN=Example Leaf,O=Example Org,C=US",
-         {{"C", "US"}, {"O", "Example Org"}, {"CN", "Example Leaf"}}},
-        // Map values are not escaped.
-        {{{"O", "Smith, Jones"}, {"CN", "caf\xc3\xa9"}},
-         "CN=caf\\C3\\A9,O=Smith\\, Jones",
-         {{"O", "Smith, Jones"}, {"CN", "caf\xc3\xa9"}}},
-        // Repeated attributes keep the last.
-        {{{"OU", "First"}, {"OU", "Second"}, {"CN", "One"}, {"CN", "Two"}},
-         "CN=Two,CN=One,OU=Second,OU=First",
-         {{"OU", "Second"}, {"CN", "Two"}}},
-        // Unknown types are UNDEF in the map; the text dumps the DER of the value.
-        {{{"1.2.3.4.5", "first"}, {"1.2.3.4.6", "second"}, {"CN", "Known"}},
-         "CN=Known,1.2.3.4.6=#0C067365636F6E64,1.2.3.4.5=#0C056669727374",
-         {{"UNDEF", "second"}, {"CN", "Known"}}},
-        {{{"O", "No Common Name"}}, "O=No Common Name", {{"O", "No Common Name"}}},
-        {{}, "", {}},
-    };
-    for (const Case& c : cases) {
+    for (const Case& c : std::vector<Case>{
+             {{{"C", "US"}, {"O", "Example Org"}, {"CN", "Example Leaf"}},
+              "CN=Example Leaf,O=Example Org,C=US",
+              {{"C", "US"}, {"O", "Example Org"}, {"CN", "Example Leaf"}}},
+             // Map values are not escaped.
+             {{{"O", "Smith, Jones"}, {"CN", "caf\xc3\xa9"}},
+              "CN=caf\\C3\\A9,O=Smith\\, Jones",
+              {{"O", "Smith, Jones"}, {"CN", "caf\xc3\xa9"}}},
+             // Repeated attributes keep the last.
+             {{{"OU", "First"}, {"OU", "Second"}, {"CN", "One"}, {"CN", "Two"}},
+              "CN=Two,CN=One,OU=Second,OU=First",
+              {{"OU", "Second"}, {"CN", "Two"}}},
+             // Unknown types are UNDEF in the map; the text dumps the DER of the value.
+             {{{"1.2.3.4.5", "first"}, {"1.2.3.4.6", "second"}, {"CN", "Known"}},
+              "CN=Known,1.2.3.4.6=#0C067365636F6E64,1.2.3.4.5=#0C056669727374",
+              {{"UNDEF", "second"}, {"CN", "Known"}}},
+             {{{"O", "No Common Name"}}, "O=No Common Name", {{"O", "No Common Name"}}},
+             {{}, "", {}}}) {
         SCOPED_TRACE(c.text);
-        const X509Certificate certificate = withSubject(c.subject);
+        CertificateRecipe recipe;
+        recipe.subject = c.subject;
+        const X509Certificate certificate = make(recipe);
         EXPECT_EQ(certificate.getSubjectName(), c.text);
         EXPECT_EQ(certificate.getIssuerName(), c.text);
         EXPECT_EQ(certificate.getSubjectNameAsRDNs(), c.attributes);
@@ -79,31 +72,29 @@ TEST(X509CertificateNames, TextMapAndCommonName) {
     }
 }
 
-TEST(X509CertificateFields, SerialNumbersAreDecimal) {
+TEST(X509CertificateFields, SerialNumbersAndSignatureAlgorithms) {
+    CertificateRecipe recipe;
     for (const auto& [hex, decimal] : std::vector<std::pair<std::string, std::string>>{
              {"0100", "256"},
              {"00", "0"},
              {"-0a", "-10"},
              {"FFFFFFFFFFFFFFFFFFFF", "1208925819614629174706175"}}) {
-        CertificateRecipe recipe;
         recipe.serialHex = hex;
         EXPECT_EQ(make(recipe).getSerialNumber(), decimal);
     }
-}
-
-TEST(X509CertificateFields, SignatureAlgorithmIsOpenSSLsShortName) {
     for (const auto& [kind, name] :
          std::vector<std::pair<KeyKind, std::string>>{{KeyKind::RSA2048, "RSA-SHA256"},
                                                       {KeyKind::P256, "ecdsa-with-SHA256"},
                                                       {KeyKind::Ed25519, "ED25519"}}) {
-        CertificateRecipe recipe;
         recipe.key = testsupport::sharedKey(kind);
         EXPECT_EQ(make(recipe).getSignatureAlgorithm(), name);
     }
 }
 
-TEST(X509CertificateFields, ValidityAsTextAndTimePoints) {
+TEST(X509CertificateFields, ValidityFingerprintEqualityAndPrint) {
     CertificateRecipe recipe;
+    recipe.subject = {{"O", "Printing Org"}, {"CN", "Printing Root"}};
+    recipe.ca = true;
     recipe.notBefore = 1704067200;  // 2024-01-01 00:00:00 UTC
     recipe.notAfter = 2556143999;   // 2050-12-31 23:59:59 UTC, a GeneralizedTime
     const X509Certificate certificate = make(recipe);
@@ -113,11 +104,36 @@ TEST(X509CertificateFields, ValidityAsTextAndTimePoints) {
               std::chrono::seconds(1704067200));
     EXPECT_EQ(certificate.getValidNotAfterTimePoint().time_since_epoch(),
               std::chrono::seconds(2556143999));
-
     recipe.notBefore = -1;  // before the epoch
-    const X509Certificate old = make(recipe);
-    EXPECT_EQ(old.getValidNotBeforeTimePoint().time_since_epoch(), std::chrono::seconds(-1));
-    EXPECT_EQ(old.getValidNotBefore(), "Dec 31 23:59:59 1969 GMT");
+    EXPECT_EQ(make(recipe).getValidNotBeforeTimePoint().time_since_epoch(),
+              std::chrono::seconds(-1));
+    EXPECT_EQ(make(recipe).getValidNotBefore(), "Dec 31 23:59:59 1969 GMT");
+
+    const ByteArray der = certificate.getAsBytes();
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    ASSERT_EQ(EVP_Digest(der.data(), der.size(), digest, &length, EVP_sha256(), nullptr), 1);
+    const std::string sha256 = fc::hexEncode(ByteArray(digest, digest + length));
+    EXPECT_EQ(certificate.getSHA256Fingerprint(), sha256);
+
+    // Equal by fingerprint, whatever the encoding; self-comparison must not deadlock.
+    const X509Certificate fromPem(certificate.getAsPEMString());
+    EXPECT_TRUE(certificate == fromPem);
+    EXPECT_FALSE(certificate != fromPem);
+    EXPECT_TRUE(certificate != make(CertificateRecipe{}));
+    EXPECT_TRUE(certificate == certificate);
+
+    std::ostringstream printed;
+    printed << certificate;
+    EXPECT_EQ(printed.str(),
+              "Certificate Details:\n--------------------\n"
+              "Subject Name: CN=Printing Root,O=Printing Org;\n"
+              "Issuer Name: CN=Printing Root,O=Printing Org;\n"
+              "SHA256 Fingerprint: " +
+                  sha256 + ";\nisSelfSigned: 1;\nisCA: 1;\n\n");
+    std::ostringstream leaf;
+    X509Certificate(testsupport::rsaPKI().leaf.get()).print(leaf);
+    EXPECT_NE(leaf.str().find("isSelfSigned: 0;\nisCA: 0;\n\n"), std::string::npos);
 }
 
 TEST(X509CertificateProperties, SelfSignedAndCA) {
@@ -129,68 +145,35 @@ TEST(X509CertificateProperties, SelfSignedAndCA) {
     rootsName.subject = {{"O", "Foundation Test"}, {"CN", "Foundation Test Root"}};
     rootsName.issuer = pki.root.get();
     rootsName.issuerKey = pki.rootKey.get();
-    const std::vector<std::tuple<X509Certificate, bool, bool>> cases{
-        {fromX509(pki.root.get()), true, true},
-        {fromX509(pki.intermediate.get()), false, true},
-        {fromX509(pki.leaf.get()), false, false},
-        {make(versionOne), true, true},
-        {make(rootsName), true, false}};
-    for (const auto& [certificate, selfSigned, ca] : cases) {
+    for (const auto& [certificate, selfSigned, ca] :
+         std::vector<std::tuple<X509Certificate, bool, bool>>{
+             {X509Certificate(pki.root.get()), true, true},
+             {X509Certificate(pki.intermediate.get()), false, true},
+             {X509Certificate(pki.leaf.get()), false, false},
+             {make(versionOne), true, true},
+             {make(rootsName), true, false}}) {
         EXPECT_EQ(certificate.isSelfSigned(), selfSigned) << certificate.getSubjectName();
         EXPECT_EQ(certificate.isCACertificate(), ca) << certificate.getSubjectName();
     }
 }
 
 TEST(X509CertificateProperties, DigitalSigningNeedsTheKeyUsageBitAndCodeSigning) {
-    const std::vector<std::pair<std::vector<std::pair<int, std::string>>, bool>> cases{
-        {{}, false},
-        {{{NID_key_usage, "digitalSignature"}}, true},
-        {{{NID_key_usage, "keyEncipherment"}}, false},
-        {{{NID_key_usage, "digitalSignature"}, {NID_ext_key_usage, "serverAuth"}}, false},
-        {{{NID_key_usage, "digitalSignature"}, {NID_ext_key_usage, "serverAuth,codeSigning"}},
-         true},
-        {{{NID_key_usage, "keyCertSign"}, {NID_ext_key_usage, "codeSigning"}}, false}};
-    for (std::size_t i = 0; i < cases.size(); ++i) {
+    const std::string usage = "digitalSignature";
+    for (const auto& [keyUsage, extendedKeyUsage, valid] :
+         std::vector<std::tuple<std::string, std::string, bool>>{
+             {"", "", false},
+             {usage, "", true},
+             {"keyEncipherment", "", false},
+             {usage, "serverAuth", false},
+             {usage, "serverAuth,codeSigning", true},
+             {"keyCertSign", "codeSigning", false}}) {
         CertificateRecipe recipe;
-        recipe.extensions = cases[i].first;
-        EXPECT_EQ(make(recipe).isValidForDigitalSigning(), cases[i].second) << "case " << i;
+        if (!keyUsage.empty()) recipe.extensions.emplace_back(NID_key_usage, keyUsage);
+        if (!extendedKeyUsage.empty())
+            recipe.extensions.emplace_back(NID_ext_key_usage, extendedKeyUsage);
+        EXPECT_EQ(make(recipe).isValidForDigitalSigning(), valid)
+            << keyUsage << "/" << extendedKeyUsage;
     }
-}
-
-TEST(X509CertificateEquality, ComparesByFingerprint) {
-    const auto& pki = testsupport::rsaPKI();
-    const X509Certificate fromDer = fromX509(pki.leaf.get());
-    const X509Certificate fromPem(testsupport::toPEM(pki.leaf.get()));
-    EXPECT_TRUE(fromDer == fromPem);
-    EXPECT_FALSE(fromDer != fromPem);
-    EXPECT_TRUE(fromDer != fromX509(pki.root.get()));
-    EXPECT_TRUE(fromDer == fromDer);  // self-comparison must not deadlock
-}
-
-TEST(X509CertificatePrint, WritesTheSummaryWithTheSHA256OfTheDER) {
-    CertificateRecipe recipe;
-    recipe.subject = {{"O", "Printing Org"}, {"CN", "Printing Root"}};
-    recipe.ca = true;
-    const X509Certificate certificate = make(recipe);
-    const ByteArray der = certificate.getAsBytes();
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    ASSERT_EQ(EVP_Digest(der.data(), der.size(), digest, &length, EVP_sha256(), nullptr), 1);
-    const std::string sha256 = fc::hexEncode(ByteArray(digest, digest + length));
-    EXPECT_EQ(certificate.getSHA256Fingerprint(), sha256);
-    EXPECT_EQ(sha256.find_first_not_of("0123456789abcdef"), std::string::npos);
-
-    std::ostringstream printed;
-    printed << certificate;
-    EXPECT_EQ(printed.str(),
-              "Certificate Details:\n--------------------\n"
-              "Subject Name: CN=Printing Root,O=Printing Org;\n"
-              "Issuer Name: CN=Printing Root,O=Printing Org;\n"
-              "SHA256 Fingerprint: " +
-                  sha256 + ";\nisSelfSigned: 1;\nisCA: 1;\n\n");
-    std::ostringstream leaf;
-    fromX509(testsupport::rsaPKI().leaf.get()).print(leaf);
-    EXPECT_NE(leaf.str().find("isSelfSigned: 0;\nisCA: 0;\n\n"), std::string::npos);
 }
 
 }  // namespace
