@@ -140,8 +140,9 @@ TEST(Validation, OfflineOutcomes) {
     }
 }
 
-TEST(Validation, RootCACertificateIsTheTrustAnchorOfTheVerifiedChain) {
+TEST(Validation, TrustAnchorsOfTheStoreAndThePlatform) {
     const ValidationPKI& p = pki();
+    // The root of the verified chain.
     EXPECT_EQ(p.leaf.getRootCACertificate(p.chain, p.trusted), p.root);
     // Expired and self-signed chains are forgiven while looking for the anchor.
     EXPECT_EQ(p.expired.getRootCACertificate(p.chain, p.trusted), p.root);
@@ -149,12 +150,9 @@ TEST(Validation, RootCACertificateIsTheTrustAnchorOfTheVerifiedChain) {
     EXPECT_THROW_MSG(p.leaf.getRootCACertificate(X509CertificateChain(), p.trusted),
                      fc::X509CertificateException,
                      "Error: Root CA X509Certificate has no content.");
-}
 
-// An empty trust store stands for the platform's trusted certificates: the bundle named by
-// SSL_CERT_FILE here.
-TEST(Validation, EmptyTrustStoreUsesThePlatformsCertificates) {
-    const ValidationPKI& p = pki();
+    // An empty trust store stands for the platform's trusted certificates: the bundle named by
+    // SSL_CERT_FILE here.
     testsupport::ScopedTrustBundle bundle;
     for (const auto& [anchor, status] :
          {std::pair{&p.root, Status::Valid}, std::pair{&p.selfSigned, Status::InvalidChain}}) {
