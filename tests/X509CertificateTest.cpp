@@ -136,7 +136,7 @@ TEST(X509CertificateLoading, RefusedInputNamesTheEncodingOrOpenSSLsReason) {
               reason + "bad base64 decode"},
              // An empty block queues no error at all: nothing follows "Reason=".
              {"-----BEGIN CERTIFICATE-----\n-----END CERTIFICATE-----\n", false, reason}}) {
-        expectRefused([&] { X509Certificate{input}; }, invalidArgument, message);
+        expectRefused([&text = input] { X509Certificate{text}; }, invalidArgument, message);
     }
     for (const std::string& broken :
          {der.substr(0, 100), std::string("\x30\x82\xff"), std::string("\x30\x00", 2)}) {
