@@ -10,20 +10,20 @@
 #include <foundation/certificates/CertificateValidation.hpp>
 #include <foundation/certificates/Exceptions.hpp>
 #include <foundation/certificates/TrustStore.hpp>
-#include <foundation/certificates/X509Certificate.hpp>
 #include <foundation/certificates/X509CertificateChain.hpp>
 
 #include <gtest/gtest.h>
 #include <openssl/x509v3.h>
 
-#include <cstdlib>
-#include <fstream>
+#include <atomic>
+#include <optional>
 #include <thread>
+#include <tuple>
 
 namespace fc = foundation::certificates;
-using fc::CertificateChainStatus;
 using fc::X509Certificate;
 using fc::X509CertificateChain;
+using Status = fc::CertificateChainStatus;
 using Options = fc::CertificateValidationOptions;
 using Check = Options::CheckCRL;
 using Download = Options::DownloadCRL;
@@ -32,116 +32,76 @@ using Revocation = fc::CertificateRevocationResults::RevocationStatus;
 namespace {
 
 constexpr char kServer[] = "127.0.0.31";
-constexpr std::time_t kRevokedAt = 1700000000;  // Nov 14 22:13:20 2023 GMT
+constexpr long kDay = testsupport::kDay;
 
 Options options(bool selfSigned = false, bool expired = false, bool revoked = false,
                 Check check = Check::None, Download download = Download::No) {
-    return Options(
-        selfSigned ? Options::AllowSelfSignedCertificate::Yes
-                   : Options::AllowSelfSignedCertificate::No,
-        expired ? Options::AllowExpiredCertificate::Yes : Options::AllowExpiredCertificate::No,
-        revoked ? Options::AllowRevokedCertificate::Yes : Options::AllowRevokedCertificate::No,
-        check, download);
+    return Options(static_cast<Options::AllowSelfSignedCertificate>(selfSigned),
+                   static_cast<Options::AllowExpiredCertificate>(expired),
+                   static_cast<Options::AllowRevokedCertificate>(revoked), check, download);
 }
 
-Options crlOptions(Check check, Download download) {
+Options crl(Check check, Download download) {
     return options(false, false, false, check, download);
 }
 
-std::string errorText(int code, int depth, const std::string& subject, const std::string& message) {
-    return "Errors present: Error code " + std::to_string(code) + "  at depth " +
-           std::to_string(depth) + "Certificate Subject Name=" + subject +
-           "\n. \nMessage:" + message + "\n";
+// The text for one OpenSSL error on the certificate "<name>.example.test".
+std::string errorText(int code, const std::string& name, const std::string& message) {
+    return "Errors present: Error code " + std::to_string(code) +
+           "  at depth 0Certificate Subject Name=CN=" + name +
+           ".example.test,O=Foundation Test\n. \nMessage:" + message + "\n";
 }
 
-// A root, intermediates with revocation-list distribution points, and leaves of every kind,
-// made once for the whole suite from the shared test keys.
+// Intermediates of the root's and leaves of the intermediate's, each naming its revocation list
+// on kServer, made once.
 struct ValidationPKI {
     const testsupport::TestPKI& base = testsupport::rsaPKI();
-    X509Certificate root{testsupport::toPEM(base.root.get())};
-    fc::X509UPtr intermediateX509 =
-        issue("Intermediate", base.root.get(), base.rootKey.get(), base.intermediateKey.get(), "02",
-              "intermediate.crl", true);
+    X509Certificate root{base.root.get()};
+    fc::TrustStore trusted = [this] {
+        fc::TrustStore store;
+        store.addCertificate(root);
+        return store;
+    }();
+    fc::X509UPtr intermediateX509 = issue("Intermediate", "02", "intermediate.crl", true);
+    X509CertificateChain chain{testsupport::toPEM(intermediateX509.get())};
     // Same name and key, but its own list cannot be fetched.
-    fc::X509UPtr unfetchableX509 = issue("Intermediate", base.root.get(), base.rootKey.get(),
-                                         base.intermediateKey.get(), "12", "missing.crl", true);
-    X509Certificate intermediate{testsupport::toPEM(intermediateX509.get())};
-    X509Certificate unfetchable{testsupport::toPEM(unfetchableX509.get())};
-    X509Certificate leaf = leafCertificate("good.example.test", "1001", "leaf.crl");
-    X509Certificate revoked = leafCertificate("revoked.example.test", "1002", "leaf.crl");
-    X509Certificate staleListLeaf = leafCertificate("stale.example.test", "1003", "stale.crl");
-    X509Certificate forgedListLeaf = leafCertificate("forged.example.test", "1004", "forged.crl");
-    X509Certificate expired = leafCertificate("expired.example.test", "1005", "leaf.crl",
-                                              -10 * testsupport::kDay, -testsupport::kDay);
-    X509Certificate notYetValid = leafCertificate("future.example.test", "1006", "leaf.crl",
-                                                  testsupport::kDay, 10 * testsupport::kDay);
-    X509Certificate badSignature = signedByRoot("bad-signature.example.test");
-    X509Certificate selfSigned = selfSignedLeaf();
-
-    fc::X509UPtr issue(const std::string& cn, X509* issuer, EVP_PKEY* issuerKey, EVP_PKEY* key,
-                       const std::string& serial, const std::string& list, bool ca,
-                       long notBefore = -3600, long notAfter = 365 * testsupport::kDay) const {
+    X509CertificateChain unfetchable{
+        testsupport::toPEM(issue("Intermediate", "12", "missing.crl", true).get())};
+    X509Certificate leaf{issue("good", "1001", "leaf.crl").get()};
+    X509Certificate revoked{issue("revoked", "1002", "leaf.crl").get()};
+    X509Certificate staleListLeaf{issue("stale", "1003", "stale.crl").get()};
+    X509Certificate forgedListLeaf{issue("forged", "1004", "forged.crl").get()};
+    X509Certificate expired{issue("expired", "1005", "leaf.crl", false, -10 * kDay, -kDay).get()};
+    X509Certificate notYetValid{issue("future", "1006", "leaf.crl", false, kDay, 10 * kDay).get()};
+    // Names the intermediate as issuer, but the signature is the root's.
+    X509Certificate badSignature{
+        issue("bad-signature", "1007", "leaf.crl", false, -3600, kDay, base.rootKey.get()).get()};
+    X509Certificate selfSigned = [] {
         testsupport::CertificateRecipe recipe;
-        recipe.subject = {{"O", "Foundation Test"}, {"CN", cn}};
-        recipe.key = key;
-        recipe.issuer = issuer;
-        recipe.issuerKey = issuerKey;
+        recipe.subject = {{"CN", "self.example.test"}};
+        recipe.key = testsupport::sharedKey(testsupport::KeyKind::P256);
+        return X509Certificate(testsupport::makeCertificate(recipe).get());
+    }();
+
+    // Leaves are called "<name>.example.test".
+    fc::X509UPtr issue(const std::string& name, const std::string& serial, const std::string& list,
+                       bool isIntermediate = false, long notBefore = -3600, long notAfter = kDay,
+                       EVP_PKEY* signer = nullptr) const {
+        testsupport::CertificateRecipe recipe;
+        recipe.subject = {{"O", "Foundation Test"},
+                          {"CN", isIntermediate ? name : name + ".example.test"}};
+        recipe.key = isIntermediate ? base.intermediateKey.get() : base.leafKey.get();
+        recipe.issuer = isIntermediate ? base.root.get() : intermediateX509.get();
+        recipe.issuerKey = signer != nullptr ? signer
+                           : isIntermediate  ? base.rootKey.get()
+                                             : base.intermediateKey.get();
+        recipe.ca = isIntermediate;
         recipe.serialHex = serial;
-        recipe.ca = ca;
         recipe.notBeforeOffset = notBefore;
         recipe.notAfterOffset = notAfter;
         recipe.extensions = {
             {NID_crl_distribution_points, "URI:http://" + std::string(kServer) + "/" + list}};
         return testsupport::makeCertificate(recipe);
-    }
-
-    X509Certificate leafCertificate(const std::string& cn, const std::string& serial,
-                                    const std::string& list, long notBefore = -3600,
-                                    long notAfter = 365 * testsupport::kDay) const {
-        return X509Certificate(
-            testsupport::toPEM(issue(cn, intermediateX509.get(), base.intermediateKey.get(),
-                                     base.leafKey.get(), serial, list, false, notBefore, notAfter)
-                                   .get()));
-    }
-
-    // Names the intermediate as issuer, but the signature is the root's.
-    X509Certificate signedByRoot(const std::string& cn) const {
-        testsupport::CertificateRecipe recipe;
-        recipe.subject = {{"O", "Foundation Test"}, {"CN", cn}};
-        recipe.key = base.leafKey.get();
-        recipe.issuer = intermediateX509.get();
-        recipe.issuerKey = base.rootKey.get();
-        return X509Certificate(testsupport::toPEM(testsupport::makeCertificate(recipe).get()));
-    }
-
-    X509Certificate selfSignedLeaf() const {
-        testsupport::CertificateRecipe recipe;
-        recipe.subject = {{"CN", "self.example.test"}};
-        recipe.key = testsupport::sharedKey(testsupport::KeyKind::P256);
-        return X509Certificate(testsupport::toPEM(testsupport::makeCertificate(recipe).get()));
-    }
-
-    fc::ByteArray list(EVP_PKEY* signer, X509* issuer,
-                       std::vector<testsupport::RevokedEntry> entries,
-                       long nextUpdate = 7 * testsupport::kDay) const {
-        testsupport::CRLRecipe recipe;
-        recipe.issuer = issuer;
-        recipe.signingKey = signer;
-        recipe.revoked = std::move(entries);
-        recipe.nextUpdateOffset = nextUpdate;
-        return testsupport::crlToDER(testsupport::makeCRL(recipe).get());
-    }
-
-    fc::TrustStore trustingRoot() const {
-        fc::TrustStore store;
-        store.addCertificate(root);
-        return store;
-    }
-
-    X509CertificateChain chainOf(std::initializer_list<X509Certificate> certificates) const {
-        X509CertificateChain chain;
-        for (const X509Certificate& certificate : certificates) chain.addCertificate(certificate);
-        return chain;
     }
 };
 
@@ -150,133 +110,69 @@ const ValidationPKI& pki() {
     return instance;
 }
 
-// ---------------------------------------------------------------------------------------------
-// Offline outcomes.
-// ---------------------------------------------------------------------------------------------
-
-struct OfflineCase {
-    const char* name;
-    X509Certificate ValidationPKI::*certificate;
-    bool withIntermediate;
-    Options options;
-    CertificateChainStatus status;
-    std::string text;
-};
-
-class OfflineValidation : public ::testing::TestWithParam<OfflineCase> {};
-
-TEST_P(OfflineValidation, GivesTheStatusAndText) {
+TEST(Validation, OfflineOutcomes) {
     const ValidationPKI& p = pki();
-    const X509CertificateChain chain =
-        GetParam().withIntermediate ? p.chainOf({p.intermediate}) : X509CertificateChain();
-    const auto results = (p.*GetParam().certificate)
-                             .validateCertificate(chain, GetParam().options, p.trustingRoot());
-    EXPECT_EQ(results.getCertificateChainStatus(), GetParam().status);
-    EXPECT_EQ(results.getValidationErrorString(), GetParam().text);
-    EXPECT_EQ(results.getCertificateRevocationResults().getRevocationStatus(),
-              Revocation::NotRevoked);
+    const X509CertificateChain none, withLeaf(p.leaf.getAsPEMString() + p.chain.getAsString());
+    const std::vector<std::tuple<const X509Certificate*, const X509CertificateChain*, Options,
+                                 Status, std::string>>
+        cases{{&p.leaf, &p.chain, options(), Status::Valid, ""},
+              // A chain starting with the certificate itself gives the same result.
+              {&p.leaf, &withLeaf, options(), Status::Valid, ""},
+              {&p.leaf, &none, options(), Status::InvalidChain,
+               errorText(20, "good", "unable to get local issuer certificate")},
+              {&p.selfSigned, &none, options(), Status::SelfSigned, ""},
+              {&p.selfSigned, &none, options(true), Status::Valid, ""},
+              {&p.expired, &p.chain, options(), Status::Expired,
+               errorText(10, "expired", "certificate has expired")},
+              {&p.expired, &p.chain, options(false, true), Status::Valid, ""},
+              {&p.notYetValid, &p.chain, options(false, true), Status::ValidationFailed,
+               "Validation Failed. Return code=9." +
+                   errorText(9, "future", "certificate is not yet valid")},
+              {&p.badSignature, &p.chain, options(), Status::InvalidSignature,
+               errorText(7, "bad-signature", "certificate signature failure")}};
+    for (const auto& [certificate, chain, opts, status, text] : cases) {
+        SCOPED_TRACE(certificate->getSubjectName());
+        const auto results = certificate->validateCertificate(*chain, opts, p.trusted);
+        EXPECT_EQ(results.getCertificateChainStatus(), status);
+        EXPECT_EQ(results.getValidationErrorString(), text);
+        EXPECT_EQ(results.getCertificateRevocationResults().getRevocationStatus(),
+                  Revocation::NotRevoked);
+    }
 }
 
-const std::string kLeafSubject = "CN=good.example.test,O=Foundation Test";
-
-INSTANTIATE_TEST_SUITE_P(
-    Validation, OfflineValidation,
-    ::testing::Values(OfflineCase{"ValidChain", &ValidationPKI::leaf, true, options(),
-                                  CertificateChainStatus::Valid, ""},
-                      OfflineCase{
-                          "MissingIntermediate", &ValidationPKI::leaf, false, options(),
-                          CertificateChainStatus::InvalidChain,
-                          errorText(20, 0, kLeafSubject, "unable to get local issuer certificate")},
-                      OfflineCase{"SelfSigned", &ValidationPKI::selfSigned, false, options(),
-                                  CertificateChainStatus::SelfSigned, ""},
-                      OfflineCase{"SelfSignedAllowed", &ValidationPKI::selfSigned, false,
-                                  options(true), CertificateChainStatus::Valid, ""},
-                      OfflineCase{"Expired", &ValidationPKI::expired, true, options(),
-                                  CertificateChainStatus::Expired,
-                                  errorText(10, 0, "CN=expired.example.test,O=Foundation Test",
-                                            "certificate has expired")},
-                      OfflineCase{"ExpiredAllowed", &ValidationPKI::expired, true,
-                                  options(false, true), CertificateChainStatus::Valid, ""},
-                      OfflineCase{"NotYetValid", &ValidationPKI::notYetValid, true,
-                                  options(false, true), CertificateChainStatus::ValidationFailed,
-                                  "Validation Failed. Return code=9." +
-                                      errorText(9, 0, "CN=future.example.test,O=Foundation Test",
-                                                "certificate is not yet valid")},
-                      OfflineCase{"BadSignature", &ValidationPKI::badSignature, true, options(),
-                                  CertificateChainStatus::InvalidSignature,
-                                  errorText(7, 0, "CN=bad-signature.example.test,O=Foundation Test",
-                                            "certificate signature failure")}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-TEST(Validation, ChainStartingWithTheCertificateItselfGivesTheSameResult) {
+TEST(Validation, TrustAnchorsOfTheStoreAndThePlatform) {
     const ValidationPKI& p = pki();
-    const auto results = p.leaf.validateCertificate(p.chainOf({p.leaf, p.intermediate}), options(),
-                                                    p.trustingRoot());
-    EXPECT_EQ(results.getCertificateChainStatus(), CertificateChainStatus::Valid);
-}
-
-TEST(Validation, UninitialisedAndEmptyCertificatesThrow) {
-    const ValidationPKI& p = pki();
-    X509Certificate moved(p.leaf);
-    const X509Certificate target(std::move(moved));
-    EXPECT_THROW_MSG(moved.validateCertificate(X509CertificateChain(), options(), p.trustingRoot()),
-                     fc::X509CertificateException, "Error: X509Certificate is uninitialized.");
-    EXPECT_THROW_MSG(
-        X509Certificate().validateCertificate(X509CertificateChain(), options(), p.trustingRoot()),
-        fc::X509CertificateException, "Error: X509Certificate has no content.");
-}
-
-TEST(RootCACertificate, IsTheTrustAnchorOfTheVerifiedChain) {
-    const ValidationPKI& p = pki();
-    EXPECT_EQ(p.leaf.getRootCACertificate(p.chainOf({p.intermediate}), p.trustingRoot()), p.root);
+    // The root of the verified chain.
+    EXPECT_EQ(p.leaf.getRootCACertificate(p.chain, p.trusted), p.root);
     // Expired and self-signed chains are forgiven while looking for the anchor.
-    EXPECT_EQ(p.expired.getRootCACertificate(p.chainOf({p.intermediate}), p.trustingRoot()),
-              p.root);
-    EXPECT_EQ(p.selfSigned.getRootCACertificate(X509CertificateChain(), p.trustingRoot()),
-              p.selfSigned);
-    EXPECT_THROW_MSG(p.leaf.getRootCACertificate(X509CertificateChain(), p.trustingRoot()),
+    EXPECT_EQ(p.expired.getRootCACertificate(p.chain, p.trusted), p.root);
+    EXPECT_EQ(p.selfSigned.getRootCACertificate(X509CertificateChain(), p.trusted), p.selfSigned);
+    EXPECT_THROW_MSG(p.leaf.getRootCACertificate(X509CertificateChain(), p.trusted),
                      fc::X509CertificateException,
                      "Error: Root CA X509Certificate has no content.");
-}
 
-// An empty trust store stands for the platform's trusted certificates: the bundle named by
-// SSL_CERT_FILE here.
-class PlatformTrust : public ::testing::Test {
-  protected:
-    void useBundle(const std::string& contents) { bundle_.write(contents); }
-
-    testsupport::ScopedTrustBundle bundle_;
-};
-
-TEST_F(PlatformTrust, EmptyTrustStoreUsesThePlatformsCertificates) {
-    const ValidationPKI& p = pki();
-    const X509CertificateChain chain = p.chainOf({p.intermediate});
-    useBundle(p.root.getAsPEMString());
-    EXPECT_EQ(
-        p.leaf.validateCertificate(chain, options(), fc::TrustStore()).getCertificateChainStatus(),
-        CertificateChainStatus::Valid);
-    useBundle(p.selfSigned.getAsPEMString());
-    EXPECT_EQ(
-        p.leaf.validateCertificate(chain, options(), fc::TrustStore()).getCertificateChainStatus(),
-        CertificateChainStatus::InvalidChain);
+    // An empty trust store stands for the platform's trusted certificates: the bundle named by
+    // SSL_CERT_FILE here.
+    testsupport::ScopedTrustBundle bundle;
+    for (const auto& [anchor, status] :
+         {std::pair{&p.root, Status::Valid}, std::pair{&p.selfSigned, Status::InvalidChain}}) {
+        bundle.write(anchor->getAsPEMString());
+        EXPECT_EQ(p.leaf.validateCertificate(p.chain, options(), fc::TrustStore())
+                      .getCertificateChainStatus(),
+                  status);
+    }
 }
 
 TEST(ValidationConcurrency, ValidationsShareAStoreAndACertificate) {
     const ValidationPKI& p = pki();
-    const fc::TrustStore store = p.trustingRoot();
-    const X509CertificateChain chain = p.chainOf({p.intermediate});
-    std::vector<std::thread> threads;
     std::atomic<int> wrong{0};
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&, t] {
+    std::vector<std::thread> threads;
+    for (const X509Certificate* subject : {&p.leaf, &p.expired, &p.leaf, &p.expired}) {
+        threads.emplace_back([&, subject] {
+            const Status expected = subject == &p.leaf ? Status::Valid : Status::Expired;
             for (int i = 0; i < 10; ++i) {
-                const X509Certificate& subject = t % 2 == 0 ? p.leaf : p.expired;
-                const auto expected =
-                    t % 2 == 0 ? CertificateChainStatus::Valid : CertificateChainStatus::Expired;
-                if (subject.validateCertificate(chain, options(), store)
-                        .getCertificateChainStatus() != expected) {
-                    ++wrong;
-                }
+                wrong += subject->validateCertificate(p.chain, options(), p.trusted)
+                             .getCertificateChainStatus() != expected;
             }
         });
     }
@@ -284,154 +180,106 @@ TEST(ValidationConcurrency, ValidationsShareAStoreAndACertificate) {
     EXPECT_EQ(wrong, 0);
 }
 
-// ---------------------------------------------------------------------------------------------
-// Revocation, with lists served over HTTP.
-// ---------------------------------------------------------------------------------------------
-
 class RevocationTest : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
-        server = new testsupport::StaticHttpServer(kServer);
+        server = std::make_unique<testsupport::StaticHttpServer>(kServer);
         if (!server->running()) return;
         const ValidationPKI& p = pki();
-        const auto& base = p.base;
-        server->put("leaf.crl", p.list(base.intermediateKey.get(), p.intermediateX509.get(),
-                                       {{"1002", kRevokedAt}}));
-        server->put("intermediate.crl", p.list(base.rootKey.get(), base.root.get(), {}));
-        server->put("stale.crl",
-                    p.list(base.intermediateKey.get(), p.intermediateX509.get(), {}, -60));
-        server->put("forged.crl", p.list(base.rootKey.get(), p.intermediateX509.get(), {}));
+        const auto der = [](const fc::X509CRLUPtr& list) {
+            return testsupport::crlToDER(list.get());
+        };
+        X509* intermediate = p.intermediateX509.get();
+        testsupport::CRLRecipe leafList{intermediate,
+                                        p.base.intermediateKey.get(),
+                                        {{"1002", 1700000000}}};  // Nov 14 22:13:20 2023 GMT
+        server->put("leaf.crl", der(testsupport::makeCRL(leafList)));
+        leafList.nextUpdateOffset = -60;
+        server->put("stale.crl", der(testsupport::makeCRL(leafList)));
+        server->put("intermediate.crl",
+                    der(testsupport::makeCRL(p.base.root.get(), p.base.rootKey.get())));
+        server->put("forged.crl", der(testsupport::makeCRL(intermediate, p.base.rootKey.get())));
     }
-    static void TearDownTestSuite() {
-        delete server;
-        server = nullptr;
-    }
+    static void TearDownTestSuite() { server.reset(); }
     void SetUp() override {
         if (!server->running()) GTEST_SKIP() << server->failure();
-        requestsBefore = server->requestedPaths().size();
     }
     void TearDown() override {
         EXPECT_EQ(testsupport::leftoverCrlFiles(), std::vector<std::string>{});
     }
 
-    std::vector<std::string> newRequests() const {
-        const auto all = server->requestedPaths();
-        return std::vector<std::string>(all.begin() + static_cast<long>(requestsBefore), all.end());
-    }
-
-    fc::CertificateValidationResults validate(const X509Certificate& certificate,
-                                              const Options& opts,
-                                              const X509Certificate* intermediate = nullptr) const {
-        const ValidationPKI& p = pki();
-        return certificate.validateCertificate(
-            p.chainOf({intermediate != nullptr ? *intermediate : p.intermediate}), opts,
-            p.trustingRoot());
-    }
-
-    static testsupport::StaticHttpServer* server;
-    std::size_t requestsBefore = 0;
+    static inline std::unique_ptr<testsupport::StaticHttpServer> server;
 };
 
-testsupport::StaticHttpServer* RevocationTest::server = nullptr;
-
-TEST_F(RevocationTest, RevokedLeafWithLeafOnlyChecking) {
-    const auto results =
-        validate(pki().revoked, crlOptions(Check::LeafOnly, Download::ThrowOnError));
-    EXPECT_EQ(results.getCertificateChainStatus(), CertificateChainStatus::Revoked);
-    EXPECT_EQ(results.getValidationErrorString(),
-              errorText(23, 0, "CN=revoked.example.test,O=Foundation Test", "certificate revoked"));
-    const auto revocation = results.getCertificateRevocationResults();
-    EXPECT_EQ(revocation.getRevocationStatus(), Revocation::Revoked);
-    EXPECT_EQ(revocation.getRevocationDateString(), "Nov 14 22:13:20 2023 GMT");
-    EXPECT_EQ(revocation.getRevokedSerialNumberString(), "4098");
-    // Exactly one list: the leaf's; the intermediate's is never requested.
-    EXPECT_EQ(newRequests(), std::vector<std::string>{"/leaf.crl"});
-}
-
-TEST_F(RevocationTest, GoodLeafAndFullChain) {
-    const auto results = validate(pki().leaf, crlOptions(Check::FullChain, Download::ThrowOnError));
-    EXPECT_EQ(results.getCertificateChainStatus(), CertificateChainStatus::Valid);
-    EXPECT_EQ(newRequests(), (std::vector<std::string>{"/leaf.crl", "/intermediate.crl"}));
-    EXPECT_EQ(validate(pki().revoked, crlOptions(Check::FullChain, Download::IgnoreErrors))
-                  .getCertificateChainStatus(),
-              CertificateChainStatus::Revoked);
-}
-
-TEST_F(RevocationTest, AllowedRevocationIsNotChecked) {
-    const auto results = validate(
-        pki().revoked, options(false, false, true, Check::LeafOnly, Download::ThrowOnError));
-    EXPECT_EQ(results.getCertificateChainStatus(), CertificateChainStatus::Valid);
-    EXPECT_EQ(results.getCertificateRevocationResults().getRevocationStatus(),
-              Revocation::NotRevoked);
-}
-
-TEST_F(RevocationTest, ListsDownloadedButNotCheckedWithCheckNone) {
-    EXPECT_EQ(validate(pki().revoked, crlOptions(Check::None, Download::ThrowOnError))
-                  .getCertificateChainStatus(),
-              CertificateChainStatus::Valid);
-    EXPECT_EQ(newRequests().size(), 2u);
-}
-
-TEST_F(RevocationTest, NoDownloadMeansNoNetworkAndNoCheck) {
-    EXPECT_EQ(validate(pki().revoked, crlOptions(Check::FullChain, Download::No))
-                  .getCertificateChainStatus(),
-              CertificateChainStatus::Valid);
-    EXPECT_TRUE(newRequests().empty());
-}
-
-TEST_F(RevocationTest, OneMissingListSwitchesCheckingOffOrThrows) {
+TEST_F(RevocationTest, CheckingAndDownloading) {
     const ValidationPKI& p = pki();
-    EXPECT_EQ(
-        validate(p.revoked, crlOptions(Check::FullChain, Download::IgnoreErrors), &p.unfetchable)
-            .getCertificateChainStatus(),
-        CertificateChainStatus::Valid);
-    EXPECT_THROW_MSG(
-        validate(p.revoked, crlOptions(Check::FullChain, Download::ThrowOnError), &p.unfetchable),
-        fc::X509CertificateException,
-        "CRL Download Error: Unable to get Certificate Revocation List HTTP data. CRL Download "
-        "Error: Response returned with status code: 404\n\n");
+    using Paths = std::vector<std::string>;
+    using Requests = std::optional<Paths>;  // none: not pinned
+    const Requests leafOnly = Paths{"/leaf.crl"}, both = Paths{"/leaf.crl", "/intermediate.crl"};
+    const std::vector<std::tuple<const X509Certificate*, Options, Requests, Status>> cases{
+        // Exactly one list for LeafOnly: the intermediate's is never requested.
+        {&p.revoked, crl(Check::LeafOnly, Download::ThrowOnError), leafOnly, Status::Revoked},
+        {&p.leaf, crl(Check::FullChain, Download::ThrowOnError), both, Status::Valid},
+        {&p.revoked, crl(Check::FullChain, Download::IgnoreErrors), both, Status::Revoked},
+        // Allowed revocation is not checked.
+        {&p.revoked, options(false, false, true, Check::LeafOnly, Download::ThrowOnError),
+         std::nullopt, Status::Valid},
+        // Downloaded but not checked.
+        {&p.revoked, crl(Check::None, Download::ThrowOnError), both, Status::Valid},
+        // No download means no network and no check.
+        {&p.revoked, crl(Check::FullChain, Download::No), Paths{}, Status::Valid}};
+    for (const auto& [certificate, opts, requests, status] : cases) {
+        const std::size_t before = server->requestedPaths().size();
+        const auto results = certificate->validateCertificate(p.chain, opts, p.trusted);
+        EXPECT_EQ(results.getCertificateChainStatus(), status);
+        const bool revoked = status == Status::Revoked;
+        EXPECT_EQ(results.getValidationErrorString(),
+                  revoked ? errorText(23, "revoked", "certificate revoked") : "");
+        const auto revocation = results.getCertificateRevocationResults();
+        EXPECT_EQ(revocation.getRevocationStatus(),
+                  revoked ? Revocation::Revoked : Revocation::NotRevoked);
+        if (revoked) {
+            EXPECT_EQ(revocation.getRevocationDateString(), "Nov 14 22:13:20 2023 GMT");
+            EXPECT_EQ(revocation.getRevokedSerialNumberString(), "4098");
+        }
+        const auto all = server->requestedPaths();
+        if (requests) {
+            EXPECT_EQ(Paths(all.begin() + static_cast<long>(before), all.end()), *requests);
+        }
+    }
+    EXPECT_EQ(p.trusted.size(), 1u);  // the caller's trust store never receives a list
 }
 
-TEST_F(RevocationTest, RefusedListsSwitchCheckingOffOrThrow) {
-    const ValidationPKI& p = pki();
-    EXPECT_EQ(validate(p.staleListLeaf, crlOptions(Check::LeafOnly, Download::IgnoreErrors))
-                  .getCertificateChainStatus(),
-              CertificateChainStatus::Valid);
-    EXPECT_THROW_MSG(validate(p.staleListLeaf, crlOptions(Check::LeafOnly, Download::ThrowOnError)),
-                     fc::X509CertificateException,
-                     "CRL Verification Error: Certificate Revocation List has expired\n");
-    EXPECT_THROW_MSG(
-        validate(p.forgedListLeaf, crlOptions(Check::LeafOnly, Download::ThrowOnError)),
-        fc::X509CertificateException,
-        "CRL Verification Error: Failed to verify the Certificate Revocation List "
-        "signature\n");
-}
-
-TEST_F(RevocationTest, UnreachableRootThrowsBeforeVerification) {
+// ThrowOnError throws; IgnoreErrors goes on without revocation checking.
+TEST_F(RevocationTest, UnusableListsSwitchCheckingOffOrThrow) {
     const ValidationPKI& p = pki();
     fc::TrustStore unrelated;
     unrelated.addCertificate(p.selfSigned);
-    EXPECT_THROW_MSG(p.revoked.validateCertificate(
-                         p.chainOf({p.intermediate}),
-                         crlOptions(Check::LeafOnly, Download::ThrowOnError), unrelated),
-                     fc::X509CertificateException,
-                     "CRL Download Error: Failed to retrieve Root CA certificate\n");
-    // In the other modes the validation goes on, without revocation checking.
-    EXPECT_EQ(
-        p.revoked
-            .validateCertificate(p.chainOf({p.intermediate}),
-                                 crlOptions(Check::LeafOnly, Download::IgnoreErrors), unrelated)
-            .getCertificateChainStatus(),
-        CertificateChainStatus::InvalidChain);
-}
-
-TEST_F(RevocationTest, CallersTrustStoreNeverReceivesAList) {
-    const ValidationPKI& p = pki();
-    const fc::TrustStore store = p.trustingRoot();
-    p.revoked.validateCertificate(p.chainOf({p.intermediate}),
-                                  crlOptions(Check::FullChain, Download::ThrowOnError), store);
-    EXPECT_EQ(store.size(), 1u);
-    EXPECT_EQ(store.getPEMStrings().size(), 1u);
+    const std::vector<std::tuple<const X509Certificate*, const X509CertificateChain*, Check,
+                                 const fc::TrustStore*, std::string, Status>>
+        cases{
+            {&p.revoked, &p.unfetchable, Check::FullChain, &p.trusted,
+             "CRL Download Error: Unable to get Certificate Revocation List HTTP data. CRL "
+             "Download Error: Response returned with status code: 404\n\n",
+             Status::Valid},
+            {&p.staleListLeaf, &p.chain, Check::LeafOnly, &p.trusted,
+             "CRL Verification Error: Certificate Revocation List has expired\n", Status::Valid},
+            {&p.forgedListLeaf, &p.chain, Check::LeafOnly, &p.trusted,
+             "CRL Verification Error: Failed to verify the Certificate Revocation List "
+             "signature\n",
+             Status::Valid},
+            // A root that cannot be found throws before verification.
+            {&p.revoked, &p.chain, Check::LeafOnly, &unrelated,
+             "CRL Download Error: Failed to retrieve Root CA certificate\n", Status::InvalidChain}};
+    for (const auto& [certificate, chain, check, store, message, ignored] : cases) {
+        EXPECT_THROW_MSG(
+            certificate->validateCertificate(*chain, crl(check, Download::ThrowOnError), *store),
+            fc::X509CertificateException, message);
+        EXPECT_EQ(
+            certificate->validateCertificate(*chain, crl(check, Download::IgnoreErrors), *store)
+                .getCertificateChainStatus(),
+            ignored);
+    }
 }
 
 }  // namespace

@@ -9,11 +9,13 @@
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 
+#include <functional>
 #include <sstream>
 
 namespace fc = foundation::certificates;
 using fc::X509Certificate;
 using fc::X509CertificateChain;
+using Certificates = std::vector<X509Certificate>;
 
 namespace {
 
@@ -23,183 +25,118 @@ class ChainTest : public ::testing::Test {
     const std::string rootPem = testsupport::toPEM(pki.root.get());
     const std::string intermediatePem = testsupport::toPEM(pki.intermediate.get());
     const std::string leafPem = testsupport::toPEM(pki.leaf.get());
-    const X509Certificate root{rootPem};
-    const X509Certificate intermediate{intermediatePem};
-    const X509Certificate leaf{leafPem};
+    const X509Certificate root{rootPem}, intermediate{intermediatePem}, leaf{leafPem};
+    const std::string printHeader = "Printing certificate chain.\n---------------------------\n";
 };
 
-TEST_F(ChainTest, LoadsEveryBlockInTextOrder) {
+TEST_F(ChainTest, LoadsEveryBlockInOrderWritesUnwrappedBase64AndCompares) {
     const X509CertificateChain chain("# a bundle\n" + leafPem + "comment between blocks\n" +
                                      intermediatePem + "\n\n" + rootPem + "trailing text");
-    EXPECT_EQ(chain.getCertificates(), (std::vector<X509Certificate>{leaf, intermediate, root}));
+    EXPECT_EQ(chain.getCertificates(), (Certificates{leaf, intermediate, root}));
     EXPECT_EQ(chain.getNumCertificates(), 3u);
     EXPECT_FALSE(chain.empty());
     EXPECT_EQ(ERR_peek_error(), 0u);
 
     std::istringstream stream(leafPem + rootPem);
-    EXPECT_EQ(X509CertificateChain(stream).getCertificates(),
-              (std::vector<X509Certificate>{leaf, root}));
+    const X509CertificateChain two(stream);
+    EXPECT_EQ(two.getCertificates(), (Certificates{leaf, root}));
+    EXPECT_EQ(two.getAsString(), "-----BEGIN CERTIFICATE-----\n" + leaf.getAsString() +
+                                     "\n-----END CERTIFICATE-----\n-----BEGIN CERTIFICATE-----\n" +
+                                     root.getAsString() + "\n-----END CERTIFICATE-----\n");
+    std::ostringstream printed, expected;
+    two.print(printed);
+    expected << printHeader << leaf << '\n' << root << '\n';
+    EXPECT_EQ(printed.str(), expected.str());
+    // Equality is element-wise and ordered.
+    EXPECT_EQ(X509CertificateChain(two.getAsString()), two);
+    EXPECT_NE(X509CertificateChain(rootPem + leafPem), two);
+    EXPECT_NE(X509CertificateChain(leafPem), two);
+    EXPECT_TRUE(two == two);
 }
 
-TEST_F(ChainTest, WritesUnwrappedBase64Blocks) {
-    const X509CertificateChain chain(leafPem + rootPem);
-    EXPECT_EQ(chain.getAsString(),
-              "-----BEGIN CERTIFICATE-----\n" + leaf.getAsString() +
-                  "\n-----END CERTIFICATE-----\n-----BEGIN CERTIFICATE-----\n" +
-                  root.getAsString() + "\n-----END CERTIFICATE-----\n");
-    EXPECT_EQ(X509CertificateChain(chain.getAsString()), chain);
-}
-
-TEST_F(ChainTest, TextWithoutABlockFailsWithNoReason) {
-    // DER is no PEM at all: the chain loader reads PEM only.
+TEST_F(ChainTest, OneBadRecordRefusesTheWholeText) {
     const fc::ByteArray der = testsupport::toDER(pki.leaf.get());
-    for (const std::string& text :
-         {std::string("no certificates here"), std::string(der.begin(), der.end())}) {
-        EXPECT_THROW_MSG(X509CertificateChain{text}, fc::X509CertificateChainException,
-                         "Error: Loading a certificate chain failed. Reason=");
-        EXPECT_EQ(ERR_peek_error(), 0u);
-    }
-}
-
-TEST_F(ChainTest, OneDamagedBlockFailsTheWholeChain) {
-    const std::string damaged =
-        "-----BEGIN CERTIFICATE-----\nMIIB!!!!not base64\n-----END CERTIFICATE-----\n";
-    EXPECT_THROW_MSG(X509CertificateChain{leafPem + rootPem + damaged},
-                     fc::X509CertificateChainException,
-                     "Error: Loading a certificate chain failed. Reason=bad base64 decode");
-    EXPECT_EQ(ERR_peek_error(), 0u);
-}
-
-TEST_F(ChainTest, CRLBlocksShareARecordWithTheirNeighbour) {
-    testsupport::CRLRecipe recipe;
-    recipe.issuer = pki.root.get();
-    recipe.signingKey = pki.rootKey.get();
-    const std::string crlPem = testsupport::crlToPEM(testsupport::makeCRL(recipe).get());
-
-    // Filed into the certificate's record: one certificate.
-    EXPECT_EQ(X509CertificateChain(rootPem + crlPem).getCertificates(),
-              std::vector<X509Certificate>{root});
-    // Alone, its record has no certificate.
-    EXPECT_THROW_MSG(X509CertificateChain{crlPem}, fc::X509CertificateChainException,
-                     "Error: Unable to parse X509 certificate inside X509 certificate chain."
-                     "Error: X509Certificate has no content.");
-    EXPECT_EQ(ERR_peek_error(), 0u);
-}
-
-TEST_F(ChainTest, WeakKeysInsideTheTextAreRefused) {
+    const std::string failed = "Error: Loading a certificate chain failed. Reason=";
+    const std::string badRecord =
+        "Error: Unable to parse X509 certificate inside X509 certificate chain.";
     testsupport::CertificateRecipe weak;
     weak.key = testsupport::sharedKey(testsupport::KeyKind::RSA512);
-    const std::string weakPem = testsupport::toPEM(testsupport::makeCertificate(weak).get());
-    EXPECT_THROW_MSG(X509CertificateChain{leafPem + weakPem}, fc::X509CertificateChainException,
-                     "Error: Unable to parse X509 certificate inside X509 certificate chain.RSA "
-                     "key size does not meet minimum cryptographic requirements");
-    EXPECT_EQ(ERR_peek_error(), 0u);
-}
-
-TEST_F(ChainTest, RefusesEmptyInput) {
+    // A revocation list is filed into its neighbour's record; alone, its record has no certificate.
+    const std::string crlPem =
+        testsupport::crlToPEM(testsupport::makeCRL(pki.root.get(), pki.rootKey.get()).get());
+    EXPECT_EQ(X509CertificateChain(rootPem + crlPem).getCertificates(), Certificates{root});
+    for (const auto& [text, message] : std::vector<std::pair<std::string, std::string>>{
+             {"no certificates here", failed},
+             {std::string(der.begin(), der.end()), failed},  // DER is no PEM at all
+             {leafPem + rootPem +
+                  "-----BEGIN CERTIFICATE-----\nMIIB!!!!not base64\n-----END CERTIFICATE-----\n",
+              failed + "bad base64 decode"},
+             {leafPem + testsupport::toPEM(testsupport::makeCertificate(weak).get()),
+              badRecord + "RSA key size does not meet minimum cryptographic requirements"},
+             {crlPem, badRecord + "Error: X509Certificate has no content."}}) {
+        EXPECT_THROW_MSG(X509CertificateChain{text}, fc::X509CertificateChainException, message);
+        EXPECT_EQ(ERR_peek_error(), 0u);
+    }
     EXPECT_THROW_MSG(X509CertificateChain{std::string()}, fc::InvalidArgument,
                      "The provided certificate chain string has no content.");
     std::istringstream atEnd(leafPem);
     atEnd.setstate(std::ios_base::eofbit);
     EXPECT_THROW_MSG(X509CertificateChain{atEnd}, fc::InvalidArgument,
                      "The input certificate chain data stream is invalid.");
-    std::istringstream drained(leafPem);
-    drained.ignore(static_cast<std::streamsize>(leafPem.size()));
-    EXPECT_THROW_MSG(X509CertificateChain{drained}, fc::InvalidArgument,
-                     "The provided certificate chain string has no content.");
-}
-
-TEST_F(ChainTest, EmptyChain) {
-    X509CertificateChain chain;
-    EXPECT_TRUE(chain.empty());
-    EXPECT_EQ(chain.getNumCertificates(), 0u);
-    EXPECT_EQ(chain.getAsString(), "");
-    std::ostringstream printed;
-    printed << chain;
-    EXPECT_EQ(printed.str(), "Printing certificate chain.\n---------------------------\n");
-    EXPECT_THROW_MSG(chain.popLeafCertificate(), fc::X509CertificateChainException,
-                     "X509CertificateChain has no content.");
-    EXPECT_EQ(chain, X509CertificateChain());
-}
-
-TEST_F(ChainTest, PrintsEveryCertificate) {
-    const X509CertificateChain chain(leafPem + rootPem);
-    std::ostringstream printed;
-    chain.print(printed);
-    std::ostringstream expected;
-    expected << "Printing certificate chain.\n---------------------------\n"
-             << leaf << '\n'
-             << root << '\n';
-    EXPECT_EQ(printed.str(), expected.str());
 }
 
 TEST_F(ChainTest, PopsTheFirstCertificateThatIsNoCA) {
+    X509CertificateChain empty;
+    EXPECT_THROW_MSG(empty.popLeafCertificate(), fc::X509CertificateChainException,
+                     "X509CertificateChain has no content.");
     X509CertificateChain chain(rootPem + intermediatePem + leafPem);
     EXPECT_EQ(chain.popLeafCertificate(), leaf);
-    EXPECT_EQ(chain.getCertificates(), (std::vector<X509Certificate>{root, intermediate}));
+    EXPECT_EQ(chain.getCertificates(), (Certificates{root, intermediate}));
     EXPECT_THROW_MSG(chain.popLeafCertificate(), fc::X509CertificateChainException,
                      "Unable to find a leaf certificate in the given certificate chain");
     EXPECT_EQ(chain.getNumCertificates(), 2u);  // unchanged by the failure
 
-    X509CertificateChain twoLeaves;
-    twoLeaves.addCertificate(leaf);
-    const X509Certificate otherLeaf(testsupport::toPEM(testsupport::ecPKI().leaf.get()));
+    const X509Certificate otherLeaf(testsupport::ecPKI().leaf.get());
+    X509CertificateChain twoLeaves(leafPem);
     twoLeaves.addCertificate(otherLeaf);
     EXPECT_EQ(twoLeaves.popLeafCertificate(), leaf);
-    EXPECT_EQ(twoLeaves.getCertificates(), std::vector<X509Certificate>{otherLeaf});
+    EXPECT_EQ(twoLeaves.getCertificates(), Certificates{otherLeaf});
 }
 
-TEST_F(ChainTest, EqualityIsElementWiseAndOrdered) {
-    const X509CertificateChain forward(leafPem + rootPem);
-    const X509CertificateChain backward(rootPem + leafPem);
-    const X509CertificateChain shorter(leafPem);
-    EXPECT_EQ(forward, X509CertificateChain(leafPem + rootPem));
-    EXPECT_NE(forward, backward);
-    EXPECT_NE(forward, shorter);
-    EXPECT_TRUE(forward == forward);
-}
+TEST_F(ChainTest, EmptyAddCopyAndMove) {
+    X509CertificateChain original;
+    EXPECT_TRUE(original.empty());
+    EXPECT_EQ(original.getNumCertificates(), 0u);
+    EXPECT_EQ(original.getAsString(), "");
+    std::ostringstream printed;
+    printed << original;
+    EXPECT_EQ(printed.str(), printHeader);
+    EXPECT_EQ(original, X509CertificateChain());
 
-TEST_F(ChainTest, AddingAppendsAndRefusesEmptyCertificates) {
-    X509CertificateChain chain(leafPem);
-    chain.addCertificate(leaf);  // duplicates are kept
-    EXPECT_EQ(chain.getNumCertificates(), 2u);
-    EXPECT_THROW_MSG(chain.addCertificate(X509Certificate()), fc::InvalidArgument,
+    original.addCertificate(leaf);
+    original.addCertificate(leaf);  // duplicates are kept
+    EXPECT_THROW_MSG(original.addCertificate(X509Certificate()), fc::InvalidArgument,
                      "The provided certificate has no content.");
-}
-
-TEST_F(ChainTest, CopiesAreIndependent) {
-    X509CertificateChain original(leafPem);
-    X509CertificateChain copy(original);
-    X509CertificateChain assigned;
+    X509CertificateChain copy(original), assigned;
     assigned = original;
     original.addCertificate(root);
-    EXPECT_EQ(copy.getNumCertificates(), 1u);
-    EXPECT_EQ(assigned.getNumCertificates(), 1u);
-}
+    EXPECT_EQ(copy.getCertificates(), (Certificates{leaf, leaf}));
+    EXPECT_EQ(assigned.getCertificates(), (Certificates{leaf, leaf}));
 
-TEST_F(ChainTest, MovedFromChainIsUninitialisedUntilACertificateIsAdded) {
-    X509CertificateChain source(leafPem + rootPem);
-    X509CertificateChain target(std::move(source));
-    EXPECT_EQ(target.getNumCertificates(), 2u);
-
-    const std::string message = "Error: X509CertificateChain is uninitialized.";
-    std::ostringstream out;
-    EXPECT_THROW_MSG(source.getNumCertificates(), fc::X509CertificateChainException, message);
-    EXPECT_THROW_MSG(source.getCertificates(), fc::X509CertificateChainException, message);
-    EXPECT_THROW_MSG(source.empty(), fc::X509CertificateChainException, message);
-    EXPECT_THROW_MSG(source.getAsString(), fc::X509CertificateChainException, message);
-    EXPECT_THROW_MSG(source.print(out), fc::X509CertificateChainException, message);
-    EXPECT_THROW_MSG(source.popLeafCertificate(), fc::X509CertificateChainException, message);
-    EXPECT_THROW_MSG(source == target, fc::X509CertificateChainException, message);
-    EXPECT_THROW_MSG(X509CertificateChain{source}, fc::X509CertificateChainException, message);
-
-    source.addCertificate(leaf);
-    EXPECT_EQ(source.getCertificates(), std::vector<X509Certificate>{leaf});
-
-    X509CertificateChain other(rootPem);
-    other = std::move(target);  // move assignment exchanges
-    EXPECT_EQ(other.getNumCertificates(), 2u);
-    EXPECT_EQ(target.getNumCertificates(), 1u);
+    X509CertificateChain moved(std::move(original));
+    EXPECT_EQ(moved.getNumCertificates(), 3u);
+    for (const std::function<void()>& use : std::vector<std::function<void()>>{
+             [&] { original.getCertificates(); }, [&] { original.popLeafCertificate(); },
+             [&] { static_cast<void>(original == moved); },
+             [&] { X509CertificateChain{original}; }}) {
+        EXPECT_THROW_MSG(use(), fc::X509CertificateChainException,
+                         "Error: X509CertificateChain is uninitialized.");
+    }
+    original.addCertificate(leaf);  // adding brings it back
+    EXPECT_EQ(original.getCertificates(), Certificates{leaf});
+    copy = std::move(moved);  // move assignment exchanges
+    EXPECT_EQ(copy.getNumCertificates(), 3u);
+    EXPECT_EQ(moved.getNumCertificates(), 2u);
 }
 
 }  // namespace

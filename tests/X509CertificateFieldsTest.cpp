@@ -12,6 +12,7 @@
 #include <openssl/x509v3.h>
 
 #include <sstream>
+#include <tuple>
 
 namespace fc = foundation::certificates;
 using fc::ByteArray;
@@ -23,110 +24,77 @@ namespace {
 
 X509Certificate make(CertificateRecipe recipe) {
     if (recipe.key == nullptr) recipe.key = testsupport::sharedKey(KeyKind::P256);
-    const fc::X509UPtr x = testsupport::makeCertificate(recipe);
-    return X509Certificate(testsupport::toDER(x.get()));
+    return X509Certificate(testsupport::makeCertificate(recipe).get());
 }
 
-X509Certificate withSubject(std::vector<std::pair<std::string, std::string>> subject) {
+TEST(X509CertificateNames, TextMapAndCommonName) {
+    using Attributes = std::vector<std::pair<std::string, std::string>>;
+    struct Case {
+        Attributes subject;
+        std::string text;                                         // RFC 2253, most specific first
+        std::unordered_map<std::string, std::string> attributes;  // also gives the CN
+    };
+    for (const Case& c : std::vector<Case>{
+             {{{"C", "US"}, {"O", "Example Org"}, {"CN", "Example Leaf"}},
+              "CN=Example Leaf,O=Example Org,C=US",
+              {{"C", "US"}, {"O", "Example Org"}, {"CN", "Example Leaf"}}},
+             // Map values are not escaped.
+             {{{"O", "Smith, Jones"}, {"CN", "caf\xc3\xa9"}},
+              "CN=caf\\C3\\A9,O=Smith\\, Jones",
+              {{"O", "Smith, Jones"}, {"CN", "caf\xc3\xa9"}}},
+             // Repeated attributes keep the last.
+             {{{"OU", "First"}, {"OU", "Second"}, {"CN", "One"}, {"CN", "Two"}},
+              "CN=Two,CN=One,OU=Second,OU=First",
+              {{"OU", "Second"}, {"CN", "Two"}}},
+             // Unknown types are UNDEF in the map; the text dumps the DER of the value.
+             {{{"1.2.3.4.5", "first"}, {"1.2.3.4.6", "second"}, {"CN", "Known"}},
+              "CN=Known,1.2.3.4.6=#0C067365636F6E64,1.2.3.4.5=#0C056669727374",
+              {{"UNDEF", "second"}, {"CN", "Known"}}},
+             {{{"O", "No Common Name"}}, "O=No Common Name", {{"O", "No Common Name"}}},
+             {{}, "", {}}}) {
+        SCOPED_TRACE(c.text);
+        CertificateRecipe recipe;
+        recipe.subject = c.subject;
+        const X509Certificate certificate = make(recipe);
+        EXPECT_EQ(certificate.getSubjectName(), c.text);
+        EXPECT_EQ(certificate.getIssuerName(), c.text);
+        EXPECT_EQ(certificate.getSubjectNameAsRDNs(), c.attributes);
+        EXPECT_EQ(certificate.getIssuerNameAsRDNs(), c.attributes);
+        if (c.attributes.count("CN") != 0) {
+            EXPECT_EQ(certificate.getSubjectCommonName(), c.attributes.at("CN"));
+            EXPECT_EQ(certificate.getIssuerCommonName(), c.attributes.at("CN"));
+        } else {
+            EXPECT_THROW_MSG(certificate.getSubjectCommonName(), fc::InvalidArgument,
+                             "Subject name has no CN.");
+            EXPECT_THROW_MSG(certificate.getIssuerCommonName(), fc::InvalidArgument,
+                             "Issuer name has no CN.");
+        }
+    }
+}
+
+TEST(X509CertificateFields, SerialNumbersAndSignatureAlgorithms) {
     CertificateRecipe recipe;
-    recipe.subject = std::move(subject);
-    return make(recipe);
+    for (const auto& [hex, decimal] : std::vector<std::pair<std::string, std::string>>{
+             {"0100", "256"},
+             {"00", "0"},
+             {"-0a", "-10"},
+             {"FFFFFFFFFFFFFFFFFFFF", "1208925819614629174706175"}}) {
+        recipe.serialHex = hex;
+        EXPECT_EQ(make(recipe).getSerialNumber(), decimal);
+    }
+    for (const auto& [kind, name] :
+         std::vector<std::pair<KeyKind, std::string>>{{KeyKind::RSA2048, "RSA-SHA256"},
+                                                      {KeyKind::P256, "ecdsa-with-SHA256"},
+                                                      {KeyKind::Ed25519, "ED25519"}}) {
+        recipe.key = testsupport::sharedKey(kind);
+        EXPECT_EQ(make(recipe).getSignatureAlgorithm(), name);
+    }
 }
 
-std::string sha256Hex(const ByteArray& bytes) {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    EXPECT_EQ(EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_sha256(), nullptr), 1);
-    return fc::hexEncode(ByteArray(digest, digest + length));
-}
-
-TEST(X509CertificateNames, AreWrittenMostSpecificFirst) {
-    const X509Certificate certificate =
-        withSubject({{"C", "US"}, {"O", "Example Org"}, {"CN", "Example Leaf"}});
-    EXPECT_EQ(certificate.getSubjectName(), "CN=Example Leaf,O=Example Org,C=US");
-    EXPECT_EQ(certificate.getIssuerName(), "CN=Example Leaf,O=Example Org,C=US");
-    const std::unordered_map<std::string, std::string> expected{
-        {"C", "US"}, {"O", "Example Org"}, {"CN", "Example Leaf"}};
-    EXPECT_EQ(certificate.getSubjectNameAsRDNs(), expected);
-    EXPECT_EQ(certificate.getIssuerNameAsRDNs(), expected);
-    EXPECT_EQ(certificate.getSubjectCommonName(), "Example Leaf");
-    EXPECT_EQ(certificate.getIssuerCommonName(), "Example Leaf");
-}
-
-TEST(X509CertificateNames, EscapeSpecialAndNonASCIICharacters) {
-    const X509Certificate certificate = withSubject({{"O", "Smith, Jones"}, {"CN", "caf\xc3\xa9"}});
-    EXPECT_EQ(certificate.getSubjectName(), "CN=caf\\C3\\A9,O=Smith\\, Jones");
-    EXPECT_EQ(certificate.getSubjectNameAsRDNs().at("CN"), "caf\xc3\xa9");  // map values unescaped
-    EXPECT_EQ(certificate.getSubjectNameAsRDNs().at("O"), "Smith, Jones");
-}
-
-TEST(X509CertificateNames, RepeatedAttributesKeepTheLast) {
-    const X509Certificate certificate =
-        withSubject({{"OU", "First Unit"}, {"OU", "Second Unit"}, {"CN", "One"}, {"CN", "Two"}});
-    const auto attributes = certificate.getSubjectNameAsRDNs();
-    EXPECT_EQ(attributes.size(), 2u);
-    EXPECT_EQ(attributes.at("OU"), "Second Unit");
-    EXPECT_EQ(certificate.getSubjectCommonName(), "Two");
-}
-
-TEST(X509CertificateNames, UnknownAttributeTypesAreUndefined) {
-    const X509Certificate certificate =
-        withSubject({{"1.2.3.4.5", "first"}, {"1.2.3.4.6", "second"}, {"CN", "Known"}});
-    const auto attributes = certificate.getSubjectNameAsRDNs();
-    EXPECT_EQ(attributes.at("UNDEF"), "second");
-    EXPECT_EQ(attributes.at("CN"), "Known");
-    // RFC 2253 dumps unknown types as the DER of the value.
-    EXPECT_EQ(certificate.getSubjectName(),
-              "CN=Known,1.2.3.4.6=#0C067365636F6E64,1.2.3.4.5=#0C056669727374");
-}
-
-TEST(X509CertificateNames, MissingCommonNameIsAnError) {
-    const X509Certificate certificate = withSubject({{"O", "No Common Name"}});
-    EXPECT_EQ(certificate.getSubjectName(), "O=No Common Name");
-    EXPECT_THROW_MSG(certificate.getSubjectCommonName(), fc::InvalidArgument,
-                     "Subject name has no CN.");
-    EXPECT_THROW_MSG(certificate.getIssuerCommonName(), fc::InvalidArgument,
-                     "Issuer name has no CN.");
-}
-
-TEST(X509CertificateNames, EmptyNameIsEmptyText) {
-    const X509Certificate certificate = withSubject({});
-    EXPECT_EQ(certificate.getSubjectName(), "");
-    EXPECT_TRUE(certificate.getSubjectNameAsRDNs().empty());
-}
-
-struct SerialCase {
-    std::string hex;
-    std::string decimal;
-};
-
-class SerialNumbers : public ::testing::TestWithParam<SerialCase> {};
-
-TEST_P(SerialNumbers, AreDecimal) {
+TEST(X509CertificateFields, ValidityFingerprintEqualityAndPrint) {
     CertificateRecipe recipe;
-    recipe.serialHex = GetParam().hex;
-    EXPECT_EQ(make(recipe).getSerialNumber(), GetParam().decimal);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    X509Certificate, SerialNumbers,
-    ::testing::Values(SerialCase{"0100", "256"}, SerialCase{"00", "0"}, SerialCase{"-0a", "-10"},
-                      SerialCase{"FFFFFFFFFFFFFFFFFFFF", "1208925819614629174706175"}));
-
-TEST(X509CertificateFields, SignatureAlgorithmIsOpenSSLsShortName) {
-    EXPECT_EQ(X509Certificate(testsupport::toDER(testsupport::rsaPKI().leaf.get()))
-                  .getSignatureAlgorithm(),
-              "RSA-SHA256");
-    EXPECT_EQ(X509Certificate(testsupport::toDER(testsupport::ecPKI().leaf.get()))
-                  .getSignatureAlgorithm(),
-              "ecdsa-with-SHA256");
-    CertificateRecipe ed25519;
-    ed25519.key = testsupport::sharedKey(KeyKind::Ed25519);
-    EXPECT_EQ(make(ed25519).getSignatureAlgorithm(), "ED25519");
-}
-
-TEST(X509CertificateValidity, ConvertsToTextAndTimePoints) {
-    CertificateRecipe recipe;
+    recipe.subject = {{"O", "Printing Org"}, {"CN", "Printing Root"}};
+    recipe.ca = true;
     recipe.notBefore = 1704067200;  // 2024-01-01 00:00:00 UTC
     recipe.notAfter = 2556143999;   // 2050-12-31 23:59:59 UTC, a GeneralizedTime
     const X509Certificate certificate = make(recipe);
@@ -136,120 +104,76 @@ TEST(X509CertificateValidity, ConvertsToTextAndTimePoints) {
               std::chrono::seconds(1704067200));
     EXPECT_EQ(certificate.getValidNotAfterTimePoint().time_since_epoch(),
               std::chrono::seconds(2556143999));
-}
-
-TEST(X509CertificateValidity, TimesBeforeTheEpochAreNegative) {
-    CertificateRecipe recipe;
-    recipe.notBefore = -1;  // 1969-12-31 23:59:59 UTC
-    const X509Certificate certificate = make(recipe);
-    EXPECT_EQ(certificate.getValidNotBeforeTimePoint().time_since_epoch(),
+    recipe.notBefore = -1;  // before the epoch
+    EXPECT_EQ(make(recipe).getValidNotBeforeTimePoint().time_since_epoch(),
               std::chrono::seconds(-1));
-    EXPECT_EQ(certificate.getValidNotBefore(), "Dec 31 23:59:59 1969 GMT");
-}
+    EXPECT_EQ(make(recipe).getValidNotBefore(), "Dec 31 23:59:59 1969 GMT");
 
-TEST(X509CertificateFingerprint, IsTheSHA256OfTheDER) {
-    const X509Certificate certificate(testsupport::toDER(testsupport::rsaPKI().leaf.get()));
-    const std::string fingerprint = certificate.getSHA256Fingerprint();
-    EXPECT_EQ(fingerprint.size(), 64u);
-    EXPECT_EQ(fingerprint.find_first_not_of("0123456789abcdef"), std::string::npos);
-    EXPECT_EQ(fingerprint, sha256Hex(certificate.getAsBytes()));
-}
+    const ByteArray der = certificate.getAsBytes();
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    ASSERT_EQ(EVP_Digest(der.data(), der.size(), digest, &length, EVP_sha256(), nullptr), 1);
+    const std::string sha256 = fc::hexEncode(ByteArray(digest, digest + length));
+    EXPECT_EQ(certificate.getSHA256Fingerprint(), sha256);
 
-TEST(X509CertificateProperties, RootAndLeaf) {
-    const auto& pki = testsupport::rsaPKI();
-    const X509Certificate root(testsupport::toDER(pki.root.get()));
-    const X509Certificate intermediate(testsupport::toDER(pki.intermediate.get()));
-    const X509Certificate leaf(testsupport::toDER(pki.leaf.get()));
-    EXPECT_TRUE(root.isSelfSigned());
-    EXPECT_TRUE(root.isCACertificate());
-    EXPECT_FALSE(intermediate.isSelfSigned());
-    EXPECT_TRUE(intermediate.isCACertificate());
-    EXPECT_FALSE(leaf.isSelfSigned());
-    EXPECT_FALSE(leaf.isCACertificate());
-}
+    // Equal by fingerprint, whatever the encoding; self-comparison must not deadlock.
+    const X509Certificate fromPem(certificate.getAsPEMString());
+    EXPECT_TRUE(certificate == fromPem);
+    EXPECT_FALSE(certificate != fromPem);
+    EXPECT_TRUE(certificate != make(CertificateRecipe{}));
+    EXPECT_TRUE(certificate == certificate);
 
-TEST(X509CertificateProperties, SelfSignedMeansEqualNamesOnly) {
-    // Issued by another key, but under its own name: still "self-signed" by name.
-    const auto& pki = testsupport::rsaPKI();
-    CertificateRecipe recipe;
-    recipe.subject = {{"O", "Foundation Test"}, {"CN", "Foundation Test Root"}};
-    recipe.key = testsupport::sharedKey(KeyKind::P256);
-    recipe.issuer = pki.root.get();
-    recipe.issuerKey = pki.rootKey.get();
-    EXPECT_TRUE(make(recipe).isSelfSigned());
-}
-
-TEST(X509CertificateProperties, VersionOneSelfSignedCountsAsCA) {
-    CertificateRecipe recipe;
-    recipe.version = 0;
-    EXPECT_TRUE(make(recipe).isCACertificate());
-}
-
-struct SigningCase {
-    const char* name;
-    std::vector<std::pair<int, std::string>> extensions;
-    bool valid;
-};
-
-class DigitalSigning : public ::testing::TestWithParam<SigningCase> {};
-
-TEST_P(DigitalSigning, NeedsTheKeyUsageBitAndCodeSigning) {
-    CertificateRecipe recipe;
-    recipe.extensions = GetParam().extensions;
-    EXPECT_EQ(make(recipe).isValidForDigitalSigning(), GetParam().valid);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    X509Certificate, DigitalSigning,
-    ::testing::Values(
-        SigningCase{"NoKeyUsage", {}, false},
-        SigningCase{"KeyUsageOnly", {{NID_key_usage, "digitalSignature"}}, true},
-        SigningCase{"OtherKeyUsage", {{NID_key_usage, "keyEncipherment"}}, false},
-        SigningCase{"ServerAuthOnly",
-                    {{NID_key_usage, "digitalSignature"}, {NID_ext_key_usage, "serverAuth"}},
-                    false},
-        SigningCase{
-            "WithCodeSigning",
-            {{NID_key_usage, "digitalSignature"}, {NID_ext_key_usage, "serverAuth,codeSigning"}},
-            true},
-        SigningCase{"CodeSigningWithoutKeyUsageBit",
-                    {{NID_key_usage, "keyCertSign"}, {NID_ext_key_usage, "codeSigning"}},
-                    false}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-TEST(X509CertificateEquality, ComparesByFingerprint) {
-    const auto& pki = testsupport::rsaPKI();
-    const X509Certificate fromDer(testsupport::toDER(pki.leaf.get()));
-    const X509Certificate fromPem(testsupport::toPEM(pki.leaf.get()));
-    const X509Certificate other(testsupport::toDER(pki.root.get()));
-    EXPECT_TRUE(fromDer == fromPem);
-    EXPECT_FALSE(fromDer != fromPem);
-    EXPECT_TRUE(fromDer != other);
-    EXPECT_TRUE(fromDer == fromDer);  // self-comparison must not deadlock
-}
-
-TEST(X509CertificatePrint, WritesTheSummary) {
-    CertificateRecipe recipe;
-    recipe.subject = {{"O", "Printing Org"}, {"CN", "Printing Root"}};
-    recipe.ca = true;
-    const X509Certificate certificate = make(recipe);
     std::ostringstream printed;
     printed << certificate;
     EXPECT_EQ(printed.str(),
-              "Certificate Details:\n"
-              "--------------------\n"
+              "Certificate Details:\n--------------------\n"
               "Subject Name: CN=Printing Root,O=Printing Org;\n"
               "Issuer Name: CN=Printing Root,O=Printing Org;\n"
               "SHA256 Fingerprint: " +
-                  sha256Hex(certificate.getAsBytes()) +
-                  ";\n"
-                  "isSelfSigned: 1;\n"
-                  "isCA: 1;\n"
-                  "\n");
-
+                  sha256 + ";\nisSelfSigned: 1;\nisCA: 1;\n\n");
     std::ostringstream leaf;
-    X509Certificate(testsupport::toDER(testsupport::rsaPKI().leaf.get())).print(leaf);
+    X509Certificate(testsupport::rsaPKI().leaf.get()).print(leaf);
     EXPECT_NE(leaf.str().find("isSelfSigned: 0;\nisCA: 0;\n\n"), std::string::npos);
+}
+
+TEST(X509CertificateProperties, SelfSignedAndCA) {
+    const auto& pki = testsupport::rsaPKI();
+    CertificateRecipe versionOne;
+    versionOne.version = 0;
+    // Issued by the root's key under the root's name: self-signed goes by the names only.
+    CertificateRecipe rootsName;
+    rootsName.subject = {{"O", "Foundation Test"}, {"CN", "Foundation Test Root"}};
+    rootsName.issuer = pki.root.get();
+    rootsName.issuerKey = pki.rootKey.get();
+    for (const auto& [certificate, selfSigned, ca] :
+         std::vector<std::tuple<X509Certificate, bool, bool>>{
+             {X509Certificate(pki.root.get()), true, true},
+             {X509Certificate(pki.intermediate.get()), false, true},
+             {X509Certificate(pki.leaf.get()), false, false},
+             {make(versionOne), true, true},
+             {make(rootsName), true, false}}) {
+        EXPECT_EQ(certificate.isSelfSigned(), selfSigned) << certificate.getSubjectName();
+        EXPECT_EQ(certificate.isCACertificate(), ca) << certificate.getSubjectName();
+    }
+}
+
+TEST(X509CertificateProperties, DigitalSigningNeedsTheKeyUsageBitAndCodeSigning) {
+    const std::string usage = "digitalSignature";
+    for (const auto& [keyUsage, extendedKeyUsage, valid] :
+         std::vector<std::tuple<std::string, std::string, bool>>{
+             {"", "", false},
+             {usage, "", true},
+             {"keyEncipherment", "", false},
+             {usage, "serverAuth", false},
+             {usage, "serverAuth,codeSigning", true},
+             {"keyCertSign", "codeSigning", false}}) {
+        CertificateRecipe recipe;
+        if (!keyUsage.empty()) recipe.extensions.emplace_back(NID_key_usage, keyUsage);
+        if (!extendedKeyUsage.empty())
+            recipe.extensions.emplace_back(NID_ext_key_usage, extendedKeyUsage);
+        EXPECT_EQ(make(recipe).isValidForDigitalSigning(), valid)
+            << keyUsage << "/" << extendedKeyUsage;
+    }
 }
 
 }  // namespace
