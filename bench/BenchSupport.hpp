@@ -78,9 +78,6 @@ struct Bundle {
     std::vector<ByteArray> acceptedDER;
 };
 
-// RSA of at least 1024 bits, P-256 and Ed25519: what X509Certificate loads.
-bool libraryAcceptsKey(const X509* certificate);
-
 Bundle readBundle(const std::string& path);
 std::string defaultBundlePath();
 

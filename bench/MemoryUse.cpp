@@ -8,6 +8,8 @@
 // filling. The parent prints one JSON object.
 //
 //   foundation_bench_memory [bundle.pem]     (default: SSL_CERT_FILE, else OpenSSL's default)
+#include "BundleFiles.hpp"
+
 #include <foundation/certificates/TrustStore.hpp>
 #include <foundation/certificates/X509Certificate.hpp>
 
@@ -35,15 +37,10 @@
 namespace {
 
 namespace fc = foundation::certificates;
+using bench::libraryAcceptsKey;
+using bench::readFile;
 
 constexpr int kRuns = 3;  // children per side; the median is reported
-
-std::string readFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
 
 std::vector<std::string> pemBlocks(const std::string& text) {
     static const std::string end = "-----END CERTIFICATE-----";
@@ -55,27 +52,6 @@ std::vector<std::string> pemBlocks(const std::string& text) {
         start = stop;
     }
     return blocks;
-}
-
-// The certificates whose keys X509Certificate loads: RSA of at least 1024 bits, P-256, Ed25519.
-bool libraryAcceptsKey(const X509* certificate) {
-    const EVP_PKEY* key = X509_get0_pubkey(certificate);
-    if (key == nullptr) return false;
-    switch (EVP_PKEY_get_base_id(key)) {
-        case EVP_PKEY_RSA:
-            return EVP_PKEY_get_bits(key) >= 1024;
-        case EVP_PKEY_ED25519:
-            return true;
-        case EVP_PKEY_EC: {
-            char group[64] = {};
-            std::size_t length = 0;
-            return EVP_PKEY_get_utf8_string_param(key, OSSL_PKEY_PARAM_GROUP_NAME, group,
-                                                  sizeof group, &length) == 1 &&
-                   std::strcmp(group, "prime256v1") == 0;
-        }
-        default:
-            return false;
-    }
 }
 
 X509* parse(const std::string& pem) {
