@@ -3,7 +3,9 @@
 // however the operation leaves.
 #pragma once
 
+#include <memory>
 #include <mutex>
+#include <type_traits>
 #include <utility>
 
 namespace foundation::certificates::detail {
@@ -22,6 +24,17 @@ struct FacadeAccess {
         const std::lock_guard<std::mutex> lock(facade.mutex);
         facade.throwIfImplEmpty();
         return std::forward<Operation>(operation)(*facade.impl);
+    }
+
+    // What a facade's copy constructor holds: a new implementation copied from the source's
+    // while the source is locked (the lock guard proves it to the implementation). A moved-from
+    // source has nothing to copy and throws its "uninitialized" message.
+    template <typename Facade>
+    static auto copiedImpl(const Facade& source) {
+        const std::lock_guard<std::mutex> lock(source.mutex);
+        source.throwIfImplEmpty();
+        using Impl = std::decay_t<decltype(*source.impl)>;
+        return std::make_unique<Impl>(*source.impl, lock);
     }
 
     template <typename Facade>

@@ -20,11 +20,8 @@ PKCS12Certificate::PKCS12Certificate(std::istream& input, const std::string& pas
 PKCS12Certificate::PKCS12Certificate(const ByteArray& der, const std::string& passphrase)
     : impl(std::make_unique<Impl>(der, passphrase)) {}
 
-PKCS12Certificate::PKCS12Certificate(const PKCS12Certificate& other) {
-    const std::lock_guard<std::mutex> lock(other.mutex);
-    other.throwIfImplEmpty();
-    impl = std::make_unique<Impl>(*other.impl, lock);
-}
+PKCS12Certificate::PKCS12Certificate(const PKCS12Certificate& other)
+    : impl(FacadeAccess::copiedImpl(other)) {}
 
 PKCS12Certificate& PKCS12Certificate::operator=(const PKCS12Certificate& other) {
     PKCS12Certificate copy(other);

@@ -19,12 +19,8 @@ PKCS7Certificate::PKCS7Certificate(const std::string& data) : impl(std::make_uni
 
 PKCS7Certificate::PKCS7Certificate(const ByteArray& data) : impl(std::make_unique<Impl>(data)) {}
 
-PKCS7Certificate::PKCS7Certificate(const PKCS7Certificate& other) {
-    const std::lock_guard<std::mutex> lock(other.mutex);
-    // A moved-from source has nothing to copy; refusing is clearer than passing the state on.
-    other.throwIfImplEmpty();
-    impl = std::make_unique<Impl>(*other.impl, lock);
-}
+PKCS7Certificate::PKCS7Certificate(const PKCS7Certificate& other)
+    : impl(FacadeAccess::copiedImpl(other)) {}
 
 PKCS7Certificate& PKCS7Certificate::operator=(const PKCS7Certificate& other) {
     PKCS7Certificate copy(other);

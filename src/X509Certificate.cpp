@@ -34,12 +34,8 @@ X509Certificate::X509Certificate(X509CertificateImpl& other) {
 X509Certificate::X509Certificate(X509CertificateImpl&& other)
     : impl(std::make_unique<X509CertificateImpl>(std::move(other))) {}
 
-X509Certificate::X509Certificate(const X509Certificate& other) {
-    const std::lock_guard<std::mutex> lock(other.mutex);
-    // A moved-from source has nothing to copy; refusing is clearer than passing the state on.
-    other.throwIfImplEmpty();
-    impl = std::make_unique<X509CertificateImpl>(*other.impl, lock);
-}
+X509Certificate::X509Certificate(const X509Certificate& other)
+    : impl(FacadeAccess::copiedImpl(other)) {}
 
 X509Certificate& X509Certificate::operator=(const X509Certificate& other) {
     X509Certificate copy(other);

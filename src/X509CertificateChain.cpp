@@ -20,11 +20,8 @@ X509CertificateChain::X509CertificateChain(std::istream& input)
 X509CertificateChain::X509CertificateChain(const std::string& pemText)
     : impl(std::make_unique<Impl>(pemText)) {}
 
-X509CertificateChain::X509CertificateChain(const X509CertificateChain& other) {
-    const std::lock_guard<std::mutex> lock(other.mutex);
-    other.throwIfImplEmpty();
-    impl = std::make_unique<Impl>(*other.impl, lock);
-}
+X509CertificateChain::X509CertificateChain(const X509CertificateChain& other)
+    : impl(FacadeAccess::copiedImpl(other)) {}
 
 X509CertificateChain& X509CertificateChain::operator=(const X509CertificateChain& other) {
     X509CertificateChain copy(other);
