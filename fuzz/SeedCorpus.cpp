@@ -1,5 +1,6 @@
 // Writes starting inputs for the fuzz targets, made at run time by the test helper:
 //   seed_corpus DIR   creates DIR/<target>/<name> files.
+#include "support/TestCRLs.hpp"
 #include "support/TestCertificates.hpp"
 #include "support/TestKeys.hpp"
 #include "support/TestPKCS12.hpp"
@@ -95,6 +96,15 @@ int main(int argc, char** argv) {
     certificatesOnly.certificate = p256.certificate;
     certificatesOnly.caChain = {rsa.root.get()};
     write(pkcs12, "certificates-only", pkcs12Input(certificatesOnly));
+
+    const fs::path lists = root / "fuzz_revocation_list";
+    testsupport::CRLRecipe entries{rsa.intermediate.get(),
+                                   rsa.intermediateKey.get(),
+                                   {{"1002", 1700000000, 1}, {"51", 1600000000}}};
+    write(lists, "entries.der", testsupport::crlToDER(testsupport::makeCRL(entries).get()));
+    testsupport::CRLRecipe open{ec.root.get(), ec.rootKey.get()};
+    open.nextUpdateOffset = std::nullopt;
+    write(lists, "no-next-update.pem", testsupport::crlToPEM(testsupport::makeCRL(open).get()));
 
     const fs::path encodings = root / "fuzz_encodings";
     write(encodings, "base64", std::string("TWFuIGlzIGRpc3Rpbmd1aXNoZWQ="));
