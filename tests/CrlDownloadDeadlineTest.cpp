@@ -36,7 +36,7 @@ TEST(CrlDownloadDeadline, SilentServerIsGivenUpAfterSixtySeconds) {
     EXPECT_THROW_MSG(
         fc::detail::downloadCRL(leaf, store, crls,
                                 fc::CertificateValidationOptions::DownloadCRL::ThrowOnError,
-                                issuerKey),
+                                issuerKey, fc::detail::currentTime()),
         fc::X509CertificateException,
         "CRL Download Error: Unable to get Certificate Revocation List HTTP data. CRL Download "
         "Error: Invalid response\n\n");

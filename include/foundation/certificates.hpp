@@ -3,6 +3,7 @@
 
 #include <foundation/certificates/CertificateRevocationList.hpp>
 #include <foundation/certificates/CertificateValidation.hpp>
+#include <foundation/certificates/CrlCache.hpp>
 #include <foundation/certificates/Encodings.hpp>
 #include <foundation/certificates/Exceptions.hpp>
 #include <foundation/certificates/ISystemCertificateAdder.hpp>
