@@ -35,8 +35,7 @@ struct CrlCacheAccess {
 
     // Waits while another caller downloads the URL's list, at most until `waitUntil` (none:
     // as long as that takes); after that the caller downloads it too.
-    static Lookup lookup(CrlCache& cache, const std::string& url, EVP_PKEY* issuerKey,
-                         TimePoint at,
+    static Lookup lookup(CrlCache& cache, const std::string& url, EVP_PKEY* issuerKey, TimePoint at,
                          std::optional<std::chrono::steady_clock::time_point> waitUntil);
 
     // Keeps a downloaded list that the key verified.

@@ -127,8 +127,7 @@ std::string getCrlHttpData(const std::string& host, const std::string& path, Dow
     boost::asio::ip::tcp::iostream stream;
     stream.connect(host, "http");
     if (!stream) {
-        handleDownloadError(mode,
-                            crlmessage::kUnableToConnect + stream.error().message() + "\n");
+        handleDownloadError(mode, crlmessage::kUnableToConnect + stream.error().message() + "\n");
         return {};
     }
     stream.expires_after(kExchangeDeadline);

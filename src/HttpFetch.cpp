@@ -98,8 +98,7 @@ std::optional<HttpLocation> redirectTarget(const HttpLocation& from,
 // Starts an operation and runs it until it completes or the deadline passes; then the socket
 // is closed, which cancels it. False when the deadline passed.
 template <typename Start>
-bool runWithin(asio::io_context& io, tcp::socket& socket, const Deadline& deadline,
-               Start&& start) {
+bool runWithin(asio::io_context& io, tcp::socket& socket, const Deadline& deadline, Start&& start) {
     bool finished = false;
     start(finished);
     io.restart();
@@ -138,21 +137,22 @@ std::vector<tcp::endpoint> endpointsOf(const tcp::resolver::results_type& result
 
 // The system resolver cannot be interrupted, so under a deadline it runs on a thread of its
 // own that the caller stops waiting for; the thread ends when the resolver answers.
-bool resolve(asio::io_context& io, const HttpLocation& location, const Deadline& deadline,
-             std::vector<tcp::endpoint>& endpoints, boost::system::error_code& error) {
+bool resolve(asio::io_context& io, const std::string& host, const std::string& port,
+             const Deadline& deadline, std::vector<tcp::endpoint>& endpoints,
+             boost::system::error_code& error) {
     boost::system::error_code notAnAddress;
-    const asio::ip::address address = asio::ip::make_address(location.host, notAnAddress);
+    const asio::ip::address address = asio::ip::make_address(host, notAnAddress);
     if (!notAnAddress) {
-        endpoints = {tcp::endpoint(address, static_cast<unsigned short>(std::stoi(location.port)))};
+        endpoints = {tcp::endpoint(address, static_cast<unsigned short>(std::stoi(port)))};
         return true;
     }
     if (!deadline) {
         tcp::resolver resolver(io);
-        endpoints = endpointsOf(resolver.resolve(location.host, location.port, error));
+        endpoints = endpointsOf(resolver.resolve(host, port, error));
         return true;
     }
     const auto state = std::make_shared<Resolution>();
-    std::thread([state, host = location.host, port = location.port] {
+    std::thread([state, host, port] {
         asio::io_context own;
         tcp::resolver resolver(own);
         boost::system::error_code error;
@@ -191,22 +191,23 @@ FetchResult fetchHttp(const HttpLocation& start, const FetchLimits& limits) {
     HttpLocation location = start;
     const auto timedOut = [&](const Deadline& connectDeadline) {
         // Whichever limit was the nearer one ran out.
-        return FetchResult{{},
-                           exchangeDeadline && (!connectDeadline || *exchangeDeadline <= *connectDeadline)
-                               ? crlmessage::kResponseTimedOut
-                               : crlmessage::kConnectTimedOut};
+        return FetchResult{
+            {},
+            exchangeDeadline && (!connectDeadline || *exchangeDeadline <= *connectDeadline)
+                ? crlmessage::kResponseTimedOut
+                : crlmessage::kConnectTimedOut};
     };
 
     for (int hop = 0;; ++hop) {
-        const Deadline connectLimit =
-            limits.connectTimeout.count() > 0 ? Deadline(Clock::now() + limits.connectTimeout)
-                                              : std::nullopt;
+        const Deadline connectLimit = limits.connectTimeout.count() > 0
+                                          ? Deadline(Clock::now() + limits.connectTimeout)
+                                          : std::nullopt;
         const Deadline connectDeadline = earlier(connectLimit, exchangeDeadline);
         tcp::socket socket(io);
 
         std::vector<tcp::endpoint> endpoints;
         boost::system::error_code error;
-        if (!resolve(io, location, connectDeadline, endpoints, error)) {
+        if (!resolve(io, location.host, location.port, connectDeadline, endpoints, error)) {
             return timedOut(connectLimit);
         }
         if (!error) {
@@ -220,8 +221,7 @@ FetchResult fetchHttp(const HttpLocation& start, const FetchLimits& limits) {
             if (!connected) return timedOut(connectLimit);
         }
         if (error) {
-            return {{},
-                    crlmessage::wrapped(crlmessage::kUnableToConnect + error.message() + "\n")};
+            return {{}, crlmessage::wrapped(crlmessage::kUnableToConnect + error.message() + "\n")};
         }
         if (!exchangeDeadline && limits.exchangeTimeout.count() > 0) {
             exchangeDeadline = Clock::now() + limits.exchangeTimeout;
@@ -276,6 +276,23 @@ FetchResult fetchHttp(const HttpLocation& start, const FetchLimits& limits) {
         if (reader.body().empty()) return {{}, crlmessage::wrapped(crlmessage::kEmptyBody)};
         return {reader.takeBody(), {}};
     }
+}
+
+std::optional<std::vector<std::string>> resolveAddresses(
+    const std::string& host, const std::string& port,
+    std::optional<std::chrono::milliseconds> within) {
+    asio::io_context io;
+    std::vector<tcp::endpoint> endpoints;
+    boost::system::error_code error;
+    if (!resolve(io, host, port, within ? Deadline(Clock::now() + *within) : std::nullopt,
+                 endpoints, error)) {
+        return std::nullopt;
+    }
+    std::vector<std::string> addresses;
+    for (const tcp::endpoint& endpoint : endpoints) {
+        addresses.push_back(endpoint.address().to_string() + ":" + std::to_string(endpoint.port()));
+    }
+    return addresses;
 }
 
 }  // namespace foundation::certificates::detail

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace foundation::certificates::detail {
 
@@ -35,5 +36,11 @@ struct FetchResult {
 // Redirects count against the same deadlines and cap: the exchange deadline starts with the
 // first connection and covers every hop.
 FetchResult fetchHttp(const HttpLocation& location, const FetchLimits& limits);
+
+// The host's addresses as "address:port" text, resolved as fetchHttp resolves them (empty when
+// the name is unknown); nothing when the limit passes first.
+std::optional<std::vector<std::string>> resolveAddresses(
+    const std::string& host, const std::string& port,
+    std::optional<std::chrono::milliseconds> within);
 
 }  // namespace foundation::certificates::detail

@@ -156,8 +156,9 @@ HttpResponseReader::Progress HttpResponseReader::onLine(const std::string& line)
             const std::size_t colon = line.find(':');
             // Folded continuation lines and lines without a name carry nothing needed here.
             if (colon != std::string::npos && colon != 0 && line[0] != ' ' && line[0] != '\t') {
-                headers_.emplace_back(line.substr(0, colon),
-                                      std::string(trimmed(std::string_view(line).substr(colon + 1))));
+                headers_.emplace_back(
+                    line.substr(0, colon),
+                    std::string(trimmed(std::string_view(line).substr(colon + 1))));
             }
             return progress_;
         }

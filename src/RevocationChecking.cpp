@@ -106,9 +106,10 @@ std::string fetchChecked(const HttpLocation& location, EVP_PKEY* issuerKey,
 
 // The certificate's list from the cache or its distribution points, under the settings. Every
 // failure goes through handleDownloadError; trying every point, the last failure is reported.
-std::optional<CertificateRevocationList> fetchUnderSettings(
-    const X509Certificate& certificate, EVP_PKEY* issuerKey,
-    const RevocationFetchSettings& settings, Mode mode, TimePoint now) {
+std::optional<CertificateRevocationList> fetchUnderSettings(const X509Certificate& certificate,
+                                                            EVP_PKEY* issuerKey,
+                                                            const RevocationFetchSettings& settings,
+                                                            Mode mode, TimePoint now) {
     const std::vector<std::string> uris = getCertificateURI(certificate);
     if (uris.empty()) {
         handleDownloadError(mode, crlmessage::kNoDistributionPoints);
@@ -128,9 +129,9 @@ std::optional<CertificateRevocationList> fetchUnderSettings(
     std::string failure;
     for (const auto& [uri, location] : points) {
         const CrlCacheAccess::Lookup cached =
-            settings.cache ? CrlCacheAccess::lookup(*settings.cache, uri, issuerKey, now,
-                                                    waitLimit(settings))
-                           : CrlCacheAccess::Lookup{};
+            settings.cache
+                ? CrlCacheAccess::lookup(*settings.cache, uri, issuerKey, now, waitLimit(settings))
+                : CrlCacheAccess::Lookup{};
         if (cached.list) return cached.list;
         CertificateRevocationList list;
         failure = fetchChecked(location, issuerKey, settings, now, list);
@@ -202,8 +203,8 @@ bool gatherRevocationLists(Mode mode, Check check, const RevocationSources& sour
             EVP_PKEYUPtr issuerKey = makeEVP_PKEYUPtr(X509_get_pubkey(issuer));
             std::optional<CertificateRevocationList> list;
             if (sources.fetch) {
-                list = fetchUnderSettings(workingList[level], issuerKey.get(), *sources.fetch,
-                                          mode, now);
+                list = fetchUnderSettings(workingList[level], issuerKey.get(), *sources.fetch, mode,
+                                          now);
             } else {
                 if (!scratch) scratch.reset(X509_STORE_new());
                 if (downloadCRL(workingList[level], scratch, downloaded, mode, issuerKey, now)) {

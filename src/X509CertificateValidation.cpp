@@ -114,11 +114,13 @@ std::shared_ptr<X509_STORE> trustedStore(const TrustStore& trustStore) {
 }
 
 // The lists by reference, for the verification context; null when there are none.
-detail::OpenSSLPtr<STACK_OF(X509_CRL)> crlStack(const std::vector<CertificateRevocationList>& lists) {
+detail::OpenSSLPtr<STACK_OF(X509_CRL)> crlStack(
+    const std::vector<CertificateRevocationList>& lists) {
     if (lists.empty()) return nullptr;
     detail::OpenSSLPtr<STACK_OF(X509_CRL)> stack(sk_X509_CRL_new_null());
     for (const CertificateRevocationList& list : lists) {
-        if (!stack || sk_X509_CRL_push(stack.get(), detail::RevocationListAccess::shared(list)) <= 0) {
+        if (!stack ||
+            sk_X509_CRL_push(stack.get(), detail::RevocationListAccess::shared(list)) <= 0) {
             throw X509CertificateException("Internal error: Unable to allocate a stack.");
         }
     }
@@ -155,7 +157,8 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const O
     const Options::DownloadCRL download = ValidationAccess::downloadCRL(options);
     const std::vector<CertificateRevocationList>& supplied =
         ValidationAccess::revocationLists(options);
-    const std::optional<RevocationFetchSettings>& fetch = ValidationAccess::revocationFetch(options);
+    const std::optional<RevocationFetchSettings>& fetch =
+        ValidationAccess::revocationFetch(options);
 
     // Downloaded lists go into a private copy; without downloads the shared store is only read.
     X509_STORE* store = trusted.get();
@@ -169,8 +172,8 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const O
     bool crlsObtained = false;
     if (listsForContext) {
         crlsObtained = detail::gatherRevocationLists(download, ValidationAccess::checkCRL(options),
-                                                     {supplied, fetch}, workingList,
-                                                     trusted.get(), now, contextLists);
+                                                     {supplied, fetch}, workingList, trusted.get(),
+                                                     now, contextLists);
     } else if (download != Options::DownloadCRL::No) {
         try {
             withLists.reset(detail::copyStoreObjects(trusted.get()).release());

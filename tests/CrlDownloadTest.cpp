@@ -60,7 +60,8 @@ class CrlDownloadTest : public ::testing::Test {
 
     bool download(const fc::X509Certificate& certificate, Mode mode) {
         fc::EVP_PKEYUPtr issuerKey = fc::makeEVP_PKEYUPtr(X509_get_pubkey(pki.intermediate.get()));
-        return detail::downloadCRL(certificate, store, crls, mode, issuerKey, detail::currentTime());
+        return detail::downloadCRL(certificate, store, crls, mode, issuerKey,
+                                   detail::currentTime());
     }
 
     // ThrowOnError throws the message, IgnoreErrors returns false; nothing reaches the store.
