@@ -102,7 +102,9 @@ int main(int argc, char** argv) {
                                    rsa.intermediateKey.get(),
                                    {{"1002", 1700000000, 1}, {"51", 1600000000}}};
     write(lists, "entries.der", testsupport::crlToDER(testsupport::makeCRL(entries).get()));
-    testsupport::CRLRecipe open{ec.root.get(), ec.rootKey.get()};
+    testsupport::CRLRecipe open;
+    open.issuer = ec.root.get();
+    open.signingKey = ec.rootKey.get();
     open.nextUpdateOffset = std::nullopt;
     write(lists, "no-next-update.pem", testsupport::crlToPEM(testsupport::makeCRL(open).get()));
 

@@ -1,5 +1,6 @@
 // Downloading revocation lists under fetch settings: the response reader on its own, then real
 // loopback servers built to break each limit, then whole validations.
+#include "CrlDownload.hpp"
 #include "CrlMessages.hpp"
 #include "HttpFetch.hpp"
 #include "HttpResponseReader.hpp"
@@ -10,6 +11,7 @@
 #include "support/TestHttpServers.hpp"
 
 #include <foundation/certificates/CertificateValidation.hpp>
+#include <foundation/certificates/CrlCache.hpp>
 #include <foundation/certificates/Exceptions.hpp>
 #include <foundation/certificates/TrustStore.hpp>
 #include <foundation/certificates/X509CertificateChain.hpp>
@@ -18,7 +20,9 @@
 #include <openssl/x509v3.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <thread>
 
 namespace fc = foundation::certificates;
 namespace detail = fc::detail;
@@ -338,13 +342,15 @@ struct FetchPKI {
         return store;
     }();
     fc::X509CertificateChain chain{testsupport::toPEM(base.intermediate.get())};
-    std::string goodList = served({});
-    std::string revokingList = served({"77"});
+    fc::X509CRLUPtr revoking =
+        testsupport::makeCRL(base.intermediate.get(), base.intermediateKey.get(), {"77"});
+    std::string revokingList = served(revoking.get());
+    // Names the intermediate, signed by the root.
+    fc::X509CRLUPtr forged =
+        testsupport::makeCRL(base.intermediate.get(), base.rootKey.get(), {"77"});
 
-    std::string served(const std::vector<std::string>& revoked) const {
-        const fc::ByteArray der = testsupport::crlToDER(
-            testsupport::makeCRL(base.intermediate.get(), base.intermediateKey.get(), revoked)
-                .get());
+    static std::string served(const X509_CRL* list) {
+        const fc::ByteArray der = testsupport::crlToDER(list);
         return ok(std::string(der.begin(), der.end()));
     }
 
@@ -443,6 +449,96 @@ TEST_F(FetchingValidationTest, LimitsFollowTheDownloadMode) {
                leafCheck(Options::DownloadCRL::ThrowOnError, every)),
         fc::X509CertificateException,
         message::wrapped(std::string(message::kUnableToConnect) + "Connection refused\n"));
+}
+
+fc::CertificateRevocationList listOf(const X509_CRL* crl) {
+    return fc::CertificateRevocationList(testsupport::crlToDER(crl));
+}
+
+class CrlCacheTest : public FetchingValidationTest {
+  protected:
+    void SetUp() override {
+        FetchingValidationTest::SetUp();
+        ASSERT_TRUE(server.running()) << server.failure();
+        settings.cache = cache;
+    }
+
+    Server server{kAddress, fetchPKI().revokingList, Server::Mode::Respond, 0};
+    std::string url = server.url("leaf.crl");
+    fc::X509Certificate leaf = fetchPKI().leaf({url});
+    std::shared_ptr<fc::CrlCache> cache = std::make_shared<fc::CrlCache>();
+    fc::RevocationFetchSettings settings;
+};
+
+TEST_F(CrlCacheTest, KeepsAListUntilInvalidated) {
+    const Options options = leafCheck(Options::DownloadCRL::ThrowOnError, settings);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(status(leaf, options), fc::CertificateChainStatus::Revoked);
+    EXPECT_EQ(server.requests().size(), 1u);
+    EXPECT_EQ(cache->size(), 1u);
+    ASSERT_TRUE(cache->find(url, detail::currentTime()).has_value());
+    EXPECT_EQ(*cache->find(url, detail::currentTime()), listOf(fetchPKI().revoking.get()));
+
+    cache->invalidate(url);
+    EXPECT_EQ(cache->size(), 0u);
+    EXPECT_EQ(status(leaf, options), fc::CertificateChainStatus::Revoked);
+    EXPECT_EQ(server.requests().size(), 2u);
+    cache->clear();
+    EXPECT_EQ(cache->size(), 0u);
+}
+
+using CrlCacheConcurrencyTest = CrlCacheTest;
+
+// The first validation downloads; the others wait for it and share its entry.
+TEST_F(CrlCacheConcurrencyTest, ValidationsShareOneDownload) {
+    server.delay(milliseconds(300));
+    settings.connectTimeout = milliseconds(2000);
+    settings.exchangeTimeout = milliseconds(5000);
+    const Options options = leafCheck(Options::DownloadCRL::ThrowOnError, settings);
+    std::atomic<int> revoked{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back(
+            [&] { revoked += status(leaf, options) == fc::CertificateChainStatus::Revoked; });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(revoked, 4);
+    EXPECT_EQ(server.requests().size(), 1u);
+    EXPECT_EQ(cache->size(), 1u);
+}
+
+// A list cached for a URL vouches only for an issuer whose key verifies it.
+TEST_F(CrlCacheTest, PreloadedListsAreCheckedAgainstTheIssuer) {
+    const std::string nowhere = "http://127.0.0.41:9/leaf.crl";
+    const fc::X509Certificate offline = fetchPKI().leaf({nowhere});
+    const Options options = leafCheck(Options::DownloadCRL::ThrowOnError, settings);
+    cache->insert(nowhere, listOf(fetchPKI().forged.get()));
+    EXPECT_THROW_MSG(
+        status(offline, options), fc::X509CertificateException,
+        message::wrapped(std::string(message::kUnableToConnect) + "Connection refused\n"));
+    cache->insert(nowhere, listOf(fetchPKI().revoking.get()));
+    EXPECT_EQ(status(offline, options), fc::CertificateChainStatus::Revoked);
+    EXPECT_EQ(cache->size(), 1u);
+    EXPECT_THROW_MSG(cache->insert(nowhere, fc::CertificateRevocationList()),
+                     fc::CertificateRevocationListException,
+                     "Error: CertificateRevocationList has no content.");
+}
+
+// Freshness is judged at the time asked: a list is dropped once its next update has come.
+TEST_F(CrlCacheTest, ListsLeaveAtTheirNextUpdate) {
+    const fc::CertificateRevocationList list = listOf(fetchPKI().revoking.get());
+    const fc::TimePoint next = *list.getNextUpdateTimePoint();
+    cache->insert(url, list);
+    EXPECT_TRUE(cache->find(url, next - std::chrono::seconds(1)).has_value());
+    EXPECT_EQ(cache->find(url, next), std::nullopt);
+    EXPECT_EQ(cache->size(), 0u);
+
+    testsupport::CRLRecipe open;
+    open.issuer = fetchPKI().base.intermediate.get();
+    open.signingKey = fetchPKI().base.intermediateKey.get();
+    open.nextUpdateOffset = std::nullopt;
+    cache->insert(url, listOf(testsupport::makeCRL(open).get()));
+    EXPECT_EQ(cache->find(url, detail::currentTime()), std::nullopt);
 }
 
 }  // namespace

@@ -205,6 +205,11 @@ void ScriptedHttpServer::respond(const std::string& path, std::string response) 
     byPath_.emplace_back(path, std::move(response));
 }
 
+void ScriptedHttpServer::delay(std::chrono::milliseconds pause) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    delay_ = pause;
+}
+
 std::vector<std::string> ScriptedHttpServer::requests() const {
     const std::lock_guard<std::mutex> lock(mutex_);
     return requests_;
@@ -277,12 +282,18 @@ void ScriptedHttpServer::serve() {
             request.append(buffer, static_cast<std::size_t>(received));
         }
         std::string response = response_;
+        std::chrono::milliseconds pause{0};
         {
             const std::lock_guard<std::mutex> lock(mutex_);
             requests_.push_back(request);
             for (const auto& [path, answer] : byPath_) {
                 if (path == requestPath(request)) response = answer;
             }
+            pause = delay_;
+        }
+        if (pause.count() > 0 && stopping(pause)) {
+            close(connection);
+            return;
         }
         if (mode_ == Mode::NeverAnswer) {
             heldConnections_.push_back(connection);  // open, silent, until the server stops

@@ -72,6 +72,8 @@ class ScriptedHttpServer {
     std::string url(const std::string& path) const;
     // Answers requests for the path ("/a.crl") with this response instead.
     void respond(const std::string& path, std::string response);
+    // Waits this long before each answer.
+    void delay(std::chrono::milliseconds pause);
     // The raw requests received so far (up to the blank line).
     std::vector<std::string> requests() const;
 
@@ -90,6 +92,7 @@ class ScriptedHttpServer {
     std::thread thread_;
     mutable std::mutex mutex_;
     std::vector<std::pair<std::string, std::string>> byPath_;
+    std::chrono::milliseconds delay_{0};
     std::vector<std::string> requests_;
     std::vector<int> heldConnections_;
     std::vector<int> fillers_;
