@@ -108,6 +108,16 @@ int main(int argc, char** argv) {
     open.nextUpdateOffset = std::nullopt;
     write(lists, "no-next-update.pem", testsupport::crlToPEM(testsupport::makeCRL(open).get()));
 
+    // The HTTP target's framing: body limit / 16, piece size, response.
+    const fs::path responses = root / "fuzz_http_response";
+    write(responses, "chunked",
+          std::string("\x10\x03") +
+              "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n4\r\nbody\r\n0\r\n\r\n");
+    write(responses, "content-length",
+          std::string("\x00\x05") + "HTTP/1.0 200 OK\r\nContent-Length: 4\r\n\r\nbody");
+    write(responses, "redirect",
+          std::string("\x01\x00") + "HTTP/1.1 302 Found\r\nLocation: http://x/y\r\n\r\n");
+
     const fs::path encodings = root / "fuzz_encodings";
     write(encodings, "base64", std::string("TWFuIGlzIGRpc3Rpbmd1aXNoZWQ="));
     write(encodings, "hex", std::string("00abFF10"));

@@ -58,6 +58,7 @@ HttpResponseReader::HttpResponseReader(std::size_t maxBodyBytes) : maxBodyBytes_
 HttpResponseReader::Progress HttpResponseReader::fail(std::string message) {
     stage_ = Stage::Done;
     failure_ = std::move(message);
+    std::string().swap(body_);  // a failed response has no body
     return progress_ = Progress::Failed;
 }
 
@@ -91,7 +92,11 @@ HttpResponseReader::Progress HttpResponseReader::feed(const char* data, std::siz
         if (stage_ != Stage::Body && stage_ != Stage::ChunkData) {
             std::string line;
             const bool whole = takeLine(data, end, line);
-            const std::size_t length = whole ? line.size() : partialLine_.size();
+            // A CR still waiting for its LF is not part of the line.
+            const std::size_t length =
+                whole ? line.size()
+                      : partialLine_.size() -
+                            (!partialLine_.empty() && partialLine_.back() == '\r' ? 1 : 0);
             const bool chunkLine = stage_ == Stage::ChunkSize || stage_ == Stage::ChunkEnd;
             if (chunkLine && length > kMaxChunkLine) return fail(crlmessage::kBadChunk);
             if (!chunkLine && headerBytes_ + length > kMaxHeaderBytes) {

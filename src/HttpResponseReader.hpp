@@ -33,6 +33,7 @@ class HttpResponseReader {
     unsigned status() const { return status_; }
     // The first header of that name, compared without regard to case, with its value trimmed.
     std::optional<std::string> header(std::string_view name) const;
+    // Empty after a failure.
     const std::string& body() const { return body_; }
     std::string takeBody() { return std::move(body_); }
     // The download message of the failure.
