@@ -51,19 +51,6 @@ std::set<std::string> listOption(const Arguments& args, const std::string& name)
     return items;
 }
 
-template <typename Number>
-std::optional<Number> numberOption(const Arguments& args, const std::string& name) {
-    const std::optional<std::string> text = args.value(name);
-    if (!text) return std::nullopt;
-    Number number{};
-    const char* end = text->data() + text->size();
-    const auto [stop, error] = std::from_chars(text->data(), end, number);
-    if (error != std::errc() || stop != end || text->empty()) {
-        throw UsageError("--" + name + " needs a number in range, not '" + *text + "'");
-    }
-    return number;
-}
-
 KeyUsage keyUsageNamed(const std::string& name) {
     for (const auto& [usageName, usage] : kKeyUsages) {
         if (name == usageName) return usage;

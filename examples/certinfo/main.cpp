@@ -21,11 +21,19 @@ const std::vector<certinfo::Command>& commands() {
          certinfo::runShow},
         {"verify",
          "verify CERT [--chain FILE] [--trust FILE] [--allow-self-signed] [--allow-expired]\n"
-         "           [--allow-revoked] [--crl none|leaf|chain] [--download no|ignore-errors|throw]",
+         "           [--allow-revoked] [--crl none|leaf|chain] [--crl LIST-FILE]...\n"
+         "           [--download no|ignore-errors|throw] [--connect-timeout MS]\n"
+         "           [--exchange-timeout MS] [--max-crl-bytes N] [--every-cdp]",
          "validate a certificate against a chain and trusted certificates (default: the\n"
-         "      system's), optionally checking revocation lists fetched over HTTP; exit 0 when\n"
-         "      valid, 1 when not",
+         "      system's), optionally checking revocation lists fetched over HTTP or given as\n"
+         "      files (then offline, leaf only, unless --crl chain / --download say otherwise);\n"
+         "      the timeouts, size limit and --every-cdp switch to bounded downloads; exit 0\n"
+         "      when valid, 1 when not",
          certinfo::runVerify},
+        {"crl", "crl FILE [--issuer CERT]",
+         "print a revocation list (PEM or DER) and its entries; with --issuer, whether that\n"
+         "      certificate's key signed it (exit 1 when not)",
+         certinfo::runCrl},
         {"chain", "chain FILE [--pem]",
          "print every certificate of a PEM chain file (or write the chain back as PEM)",
          certinfo::runChain},
