@@ -59,7 +59,7 @@ class FOUNDATION_CERTIFICATES_EXPORT X509Certificate {
     // anywhere in it, DER otherwise. Throw InvalidArgument for empty or unreadable input and for
     // data that is not in the detected encoding, X509CertificateException for other parse
     // failures and RSA keys under 1024 bits, UnsupportedKeyType / UnsupportedEllipticCurve for
-    // keys other than RSA, P-256 and Ed25519. The stream is read to its end.
+    // keys the current KeyAcceptance does not include. The stream is read to its end.
     explicit X509Certificate(std::istream& input);
     explicit X509Certificate(const std::string& data);
     explicit X509Certificate(const ByteArray& data);
