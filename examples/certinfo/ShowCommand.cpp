@@ -38,9 +38,8 @@ void describePublicKey(const fc::PublicKeyInfo& key, std::ostream& out) {
         out << "RSA, " << key.getKeySize() << " bits, exponent 0x"
             << fc::hexEncode(key.getRSAPublicExponent()) << '\n';
     } else {
-        out << (key.getECCCurve() == fc::EllipticCurve::Prime256v1 ? "EC P-256" : "Ed25519") << ", "
-            << key.getKeySize() << " bits, public point " << key.getECCPublicPoint().size()
-            << " bytes\n";
+        out << curveName(key.getECCCurve()) << ", " << key.getKeySize() << " bits, public point "
+            << key.getECCPublicPoint().size() << " bytes\n";
     }
 }
 
@@ -66,8 +65,9 @@ void describeCertificate(const fc::X509Certificate& certificate, std::ostream& o
 }
 
 int runShow(const std::vector<std::string>& words, std::ostream& out) {
-    const Arguments args(words, {}, {});
+    const Arguments args(words, {}, {"extended-keys"});
     args.expectPositionalCount(1, 1);
+    applyKeyAcceptance(args);
     const std::string data = readInput(args.positional(0, "certificate file"));
     describeCertificate(fc::X509Certificate(fc::ByteArray(data.begin(), data.end())), out);
     return kExitOk;
