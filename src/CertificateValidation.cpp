@@ -5,7 +5,6 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstring>
 #include <utility>
 
@@ -13,7 +12,9 @@ namespace foundation::certificates {
 
 namespace {
 
-bool isAsciiAlnum(char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; }
+// ASCII only, whatever the program's locale.
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+bool isAsciiAlnum(char c) { return isDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 
 // Why the text is not a DNS host name (RFC 1123 labels), or empty when it is one.
 std::string hostNameFault(const std::string& name) {
@@ -37,8 +38,7 @@ std::string hostNameFault(const std::string& name) {
         start = dot + 1;
     }
     // A numeric top label means an IPv4 address (or a fragment of one), which no dNSName holds.
-    if (std::all_of(lastLabel.begin(), lastLabel.end(),
-                    [](char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; })) {
+    if (std::all_of(lastLabel.begin(), lastLabel.end(), isDigit)) {
         return "it is an IP address, which withIPAddress takes";
     }
     return {};
