@@ -55,8 +55,10 @@ const std::vector<certinfo::Command>& commands() {
          "list the system's trusted roots for a usage, with counts", certinfo::runRoots},
         {"pkcs12",
          "pkcs12 FILE [--passphrase TEXT | --passphrase-env NAME] [--show-secrets]\n"
-         "           [--extended-keys]",
-         "open a DER PKCS#12 file: certificate, chain, key type (secrets with --show-secrets)",
+         "           [--max-iterations N] [--extended-keys]",
+         "open a DER PKCS#12 file: certificate, chain, key type (secrets with --show-secrets);\n"
+         "      refuses a file asking for more than N key-derivation iterations (default\n"
+         "      10000000; 0 for no limit)",
          certinfo::runPKCS12},
     };
     return list;
