@@ -57,11 +57,6 @@ class TemporaryFile {
 
 }  // namespace
 
-TimePoint currentTime() {
-    return std::chrono::time_point_cast<std::chrono::microseconds>(
-        std::chrono::system_clock::now());
-}
-
 void handleDownloadError(DownloadMode mode, const std::string& message) {
     if (mode == DownloadMode::ThrowOnError) throw X509CertificateException(message);
 }

@@ -22,8 +22,7 @@ namespace detail {
 // index i is verified with the key of the certificate at i + 1, so the working list must be in
 // issuing order. Appends the trusted root first when the list does not end in a self-signed
 // certificate. True only when every needed list was obtained: one missing list switches
-// revocation checking off for the whole validation.
-// Lists are judged at `now`.
+// revocation checking off for the whole validation. Lists are judged as of `now`.
 bool downloadCRLs(CertificateValidationOptions::DownloadCRL mode,
                   CertificateValidationOptions::CheckCRL check, std::vector<X509CRLUPtr>& crls,
                   std::vector<X509Certificate>& workingList, StoreUPtr& store,

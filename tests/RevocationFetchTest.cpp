@@ -1,6 +1,5 @@
 // Downloading revocation lists under fetch settings: the response reader on its own, then real
 // loopback servers built to break each limit, then whole validations.
-#include "CrlDownload.hpp"
 #include "CrlMessages.hpp"
 #include "HttpFetch.hpp"
 #include "HttpResponseReader.hpp"
@@ -451,6 +450,11 @@ TEST_F(FetchingValidationTest, LimitsFollowTheDownloadMode) {
         message::wrapped(std::string(message::kUnableToConnect) + "Connection refused\n"));
 }
 
+fc::TimePoint now() {
+    return std::chrono::time_point_cast<std::chrono::microseconds>(
+        std::chrono::system_clock::now());
+}
+
 fc::CertificateRevocationList listOf(const X509_CRL* crl) {
     return fc::CertificateRevocationList(testsupport::crlToDER(crl));
 }
@@ -476,8 +480,8 @@ TEST_F(CrlCacheTest, KeepsAListUntilInvalidated) {
         EXPECT_EQ(status(leaf, options), fc::CertificateChainStatus::Revoked);
     EXPECT_EQ(server.requests().size(), 1u);
     EXPECT_EQ(cache->size(), 1u);
-    ASSERT_TRUE(cache->find(url, detail::currentTime()).has_value());
-    EXPECT_EQ(*cache->find(url, detail::currentTime()), listOf(fetchPKI().revoking.get()));
+    ASSERT_TRUE(cache->find(url, now()).has_value());
+    EXPECT_EQ(*cache->find(url, now()), listOf(fetchPKI().revoking.get()));
 
     cache->invalidate(url);
     EXPECT_EQ(cache->size(), 0u);
@@ -533,12 +537,22 @@ TEST_F(CrlCacheTest, ListsLeaveAtTheirNextUpdate) {
     EXPECT_EQ(cache->find(url, next), std::nullopt);
     EXPECT_EQ(cache->size(), 0u);
 
+    // A validation of its own time judges cached and downloaded lists at that time.
+    cache->insert(url, list);
+    Options later = leafCheck(Options::DownloadCRL::ThrowOnError, settings);
+    later.withValidationTime(std::chrono::system_clock::now() + std::chrono::hours(24 * 8));
+    EXPECT_EQ(status(leaf, leafCheck(Options::DownloadCRL::ThrowOnError, settings)),
+              fc::CertificateChainStatus::Revoked);
+    EXPECT_TRUE(server.requests().empty());
+    EXPECT_THROW_MSG(status(leaf, later), fc::X509CertificateException, message::kExpired);
+    EXPECT_EQ(server.requests().size(), 1u);
+
     testsupport::CRLRecipe open;
     open.issuer = fetchPKI().base.intermediate.get();
     open.signingKey = fetchPKI().base.intermediateKey.get();
     open.nextUpdateOffset = std::nullopt;
     cache->insert(url, listOf(testsupport::makeCRL(open).get()));
-    EXPECT_EQ(cache->find(url, detail::currentTime()), std::nullopt);
+    EXPECT_EQ(cache->find(url, now()), std::nullopt);
 }
 
 }  // namespace
