@@ -10,7 +10,8 @@
 // Thread safety: every operation, assignment and swap included, may run concurrently with any
 // other on the same object; each addition (a whole import of system certificates included) is
 // one step for the others, who see the certificates from before or after it. No call waits while
-// another thread reads the platform's certificates or validates against the store.
+// another thread validates against the store or reads the platform's certificates, except
+// another import or a copy of the same store: those wait for the import's adder to finish.
 //
 //   foundation::certificates::TrustStore roots;
 //   roots.addSystemCertificates(TrustStore::Usage::SSL, false);
