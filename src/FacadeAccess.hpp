@@ -13,6 +13,7 @@
 
 #include <memory>
 #include <mutex>
+#include <type_traits>
 #include <utility>
 
 namespace foundation::certificates::detail {
