@@ -168,7 +168,8 @@ def main():
     print(f"{met} of {len(measured)} measured rows meet their targets.")
     if context:
         load = ", ".join(f"{v:.2f}" for v in context.get("load_avg", []))
-        print(f"Times: median CPU time per iteration; {context.get('num_cpus', '?')} CPUs, "
+        print(f"Times: median CPU time per iteration (rows on several threads: wall-clock time "
+              f"per operation across the threads); {context.get('num_cpus', '?')} CPUs, "
               f"load average {load}.")
     for note in notes:
         print("Note: " + note)
