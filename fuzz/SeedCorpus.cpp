@@ -99,5 +99,10 @@ int main(int argc, char** argv) {
     const fs::path encodings = root / "fuzz_encodings";
     write(encodings, "base64", std::string("TWFuIGlzIGRpc3Rpbmd1aXNoZWQ="));
     write(encodings, "hex", std::string("00abFF10"));
+
+    const fs::path names = root / "fuzz_validation_options";
+    write(names, "host", std::string("www.example.com."));
+    write(names, "ipv6", std::string("2001:db8::192.0.2.1"));
+    write(names, "email", std::string("first.last+tag@example.com"));
     return 0;
 }

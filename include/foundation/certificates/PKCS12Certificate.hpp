@@ -2,10 +2,10 @@
 //
 // Holds the certificate that belongs to the key, the other certificates as a chain, and the
 // private key's secret as a PrivateKeyInfo. Only what the rest of the library supports opens:
-// RSA keys of at least 1024 bits, P-256 and Ed25519 keys, and certificates that load as
-// X509Certificate. A moved-from object throws PKCS12CertificateException
-// "Error: PKCS12Certificate is uninitialized." from every operation but destruction, assignment
-// and swap.
+// RSA keys of at least 1024 bits, P-256 and Ed25519 keys (P-384, P-521 and Ed448 too under
+// KeyAcceptance::Extended), and certificates that load as X509Certificate. A moved-from object
+// throws PKCS12CertificateException "Error: PKCS12Certificate is uninitialized." from every
+// operation but destruction, assignment and swap.
 //
 // Thread safety: every operation, assignment and swap included, may run concurrently with any
 // other on the same object; a reader sees the value from before or after an assignment, never a
