@@ -33,7 +33,7 @@ std::string failedAtLevel(std::size_t level) {
 }
 
 X509SPtr parsedCertificate(const X509Certificate& certificate) {
-    return FacadeAccess::locked(certificate, [](const X509CertificateImpl& i) {
+    return FacadeAccess::read(certificate, [](const X509CertificateImpl& i) {
         i.throwIfEmpty();
         return i.shared();
     });
