@@ -201,7 +201,7 @@ std::vector<RevokedCertificate> CertificateRevocationList::getRevokedCertificate
 bool CertificateRevocationList::isSignedBy(const X509Certificate& issuer) const {
     X509_CRL* crl = content().crl.get();
     const X509SPtr certificate =
-        detail::FacadeAccess::locked(issuer, [](const X509CertificateImpl& i) {
+        detail::FacadeAccess::read(issuer, [](const X509CertificateImpl& i) {
             i.throwIfEmpty();
             return i.shared();
         });
