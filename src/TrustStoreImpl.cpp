@@ -3,6 +3,7 @@
 #include "OpenSSLErrors.hpp"
 #include "OpenSSLPtr.hpp"
 #include "StoreSnapshot.hpp"
+#include "TrustImportRecorder.hpp"
 
 #include <foundation/certificates/Encodings.hpp>
 #include <foundation/certificates/Exceptions.hpp>
@@ -39,13 +40,6 @@ X509* certificateAt(const STACK_OF(X509_OBJECT) * objects, int index) {
     return certificate;
 }
 
-bool hasExpired(const X509* certificate) {
-    int days = 0;
-    int seconds = 0;
-    ASN1_TIME_diff(&days, &seconds, nullptr, X509_get0_notAfter(certificate));
-    return days < 0 || seconds < 0;
-}
-
 std::shared_ptr<X509_STORE> newStore() {
     std::shared_ptr<X509_STORE> store(X509_STORE_new(), X509_STORE_free);
     if (!store) throw TrustStoreException("Failed to create X509_STORE");
@@ -79,6 +73,10 @@ TrustStoreImpl::~TrustStoreImpl() = default;
 
 void TrustStoreImpl::addCertificateDER(const ByteArray& bytes) {
     const detail::ScopedErrorQueueMark errorQueue;
+    if (detail::TrustImportRecorder* recorder = detail::TrustImportRecorder::activeFor(*this)) {
+        recorder->offer(*this, bytes);
+        return;
+    }
     const unsigned char* cursor = bytes.data();
     const X509UPtr certificate = makeX509UPtr(
         bytes.size() <= LONG_MAX ? d2i_X509(nullptr, &cursor, static_cast<long>(bytes.size()))
@@ -112,6 +110,16 @@ void TrustStoreImpl::addSystemCertificates(TrustStore::Usage usage, bool throwOn
     removeExpiredAndInvalidCertificatesFor(usage);
 }
 
+TrustImportReport TrustStoreImpl::addSystemCertificatesWithReport(TrustStore::Usage usage) {
+    const detail::ScopedErrorQueueMark errorQueue;
+    detail::TrustImportRecorder recorder(*this, usage);
+    // Certificates that cannot be read are reported, not thrown, so what reaches the adder
+    // with throwOnFailure set is an internal failure, which must not be logged and forgotten.
+    if (systemCertificateAdder) systemCertificateAdder->addSystemCertificates(*this, usage, true);
+    removeExpiredAndInvalidCertificatesFor(usage);
+    return recorder.takeReport();
+}
+
 void TrustStoreImpl::removeExpiredAndInvalidCertificatesFor(TrustStore::Usage usage) {
     const detail::ScopedErrorQueueMark errorQueue;
     const detail::StoreListLock lock(store.get());
@@ -124,7 +132,7 @@ void TrustStoreImpl::removeExpiredAndInvalidCertificatesFor(TrustStore::Usage us
         X509_OBJECT* object = sk_X509_OBJECT_value(objects, index);
         X509* certificate =
             X509_OBJECT_get_type(object) == X509_LU_X509 ? X509_OBJECT_get0_X509(object) : nullptr;
-        if (certificate == nullptr || hasExpired(certificate) || !isValidFor(certificate, usage)) {
+        if (certificate == nullptr || detail::usageRefusal(certificate, usage)) {
             removed.push_back(object);
         }
     }

@@ -49,6 +49,8 @@ class FOUNDATION_CERTIFICATES_EXPORT TrustStoreImpl {
 
     // Runs the adder, then removeExpiredAndInvalidCertificatesFor(usage).
     void addSystemCertificates(TrustStore::Usage usage, bool throwOnFailure);
+    // Runs the adder while recording what it hands over, then the same filter.
+    TrustImportReport addSystemCertificatesWithReport(TrustStore::Usage usage);
     // Removes every CRL and every certificate that has expired or is not valid for the usage.
     void removeExpiredAndInvalidCertificatesFor(TrustStore::Usage usage);
 
