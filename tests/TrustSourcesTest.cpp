@@ -41,15 +41,6 @@ std::string rootPEM(const std::string& commonName) {
     return testsupport::toPEM(testsupport::makeQuickCertificate(commonName, true).get());
 }
 
-fc::TrustImportReport importFor(TrustStore::Usage usage, TrustStore& store) {
-    return store.addSystemCertificatesWithReport(usage);
-}
-
-fc::TrustImportReport importFor(TrustStore::Usage usage) {
-    TrustStore store;
-    return importFor(usage, store);
-}
-
 TEST(TrustSources, FirstSourceHoldingACertificateWins) {
     testsupport::ScopedTrustTree tree;
     const std::string file = tree.write(tree.root() / "env.pem", rootPEM("env file")).string();
@@ -73,7 +64,8 @@ TEST(TrustSources, FirstSourceHoldingACertificateWins) {
 
     // Each winner is taken away once seen, uncovering the next.
     const auto sources = [] {
-        const fc::TrustImportReport report = importFor(TrustStore::Usage::SSL);
+        const fc::TrustImportReport report =
+            TrustStore().addSystemCertificatesWithReport(TrustStore::Usage::SSL);
         EXPECT_EQ(report.imported, report.sources.empty() ? 0u : 1u);
         EXPECT_TRUE(report.skipped.empty());
         return report.sources;
@@ -109,7 +101,8 @@ TEST(TrustSources, DirectoriesAreReadWhetherHashedOrNot) {
                             "::" + plain.string());
 
     TrustStore store;
-    const fc::TrustImportReport report = importFor(TrustStore::Usage::SSL, store);
+    const fc::TrustImportReport report =
+        store.addSystemCertificatesWithReport(TrustStore::Usage::SSL);
     EXPECT_EQ(report.sources, (Sources{hashed.string(), plain.string()}));
     EXPECT_EQ(report.imported, 2u);
     EXPECT_EQ(store.size(), 2u);
@@ -202,7 +195,7 @@ TEST(TrustSources, ReportAccountsForEveryCertificate) {
         }
 
         TrustStore store;
-        const fc::TrustImportReport report = importFor(usage, store);
+        const fc::TrustImportReport report = store.addSystemCertificatesWithReport(usage);
         EXPECT_EQ(report.sources, Sources{bundle});
         EXPECT_EQ(report.imported, imported);
         EXPECT_EQ(store.size(), imported);
@@ -232,7 +225,8 @@ TEST(TrustSources, ReportAccountsForEveryCertificate) {
     // Without a report the same settings hold, refused keys are kept and damaged blocks logged.
     TrustStore plain;
     plain.addSystemCertificates(TrustStore::Usage::SSL, false);
-    EXPECT_EQ(plain.size(), importFor(TrustStore::Usage::SSL).imported + 1);
+    EXPECT_EQ(plain.size(),
+              TrustStore().addSystemCertificatesWithReport(TrustStore::Usage::SSL).imported + 1);
     EXPECT_EQ(log.records().size(), 2u);
 }
 
