@@ -20,7 +20,9 @@
 
 namespace foundation::certificates::detail {
 
-const std::vector<std::string> kDistributionBundles = {
+namespace {
+
+const char* const kDistributionBundles[] = {
     "/etc/ssl/certs/ca-certificates.crt",                       // Debian, Ubuntu
     "/etc/pki/ca-trust/extracted/openssl/ca-bundle.trust.crt",  // Fedora, RHEL, CentOS
     "/etc/pki/tls/certs/ca-bundle.crt",                         // Fedora, RHEL, CentOS
@@ -29,8 +31,6 @@ const std::vector<std::string> kDistributionBundles = {
     "/etc/ssl/cert.pem",                                        // Alpine
     "/etc/ca-certificates/extracted/tls-ca-bundle.pem",         // Arch
 };
-
-namespace {
 
 // Trust bundles are a few hundred kilobytes; a larger file is not one.
 constexpr off_t kMaxFileSize = 64 << 20;
@@ -146,7 +146,7 @@ TrustSourceContents readTrustSources() {
     if (!contents.files.empty()) return contents;
 
     const std::string root = builtInRoot();
-    for (const std::string& bundle : kDistributionBundles) {
+    for (const char* bundle : kDistributionBundles) {
         addFile(contents, root + bundle);
         if (!contents.files.empty()) return contents;
     }

@@ -2,7 +2,7 @@
 // this order, the first that holds a certificate block winning:
 //   1. the file named by SSL_CERT_FILE;
 //   2. the directories named by SSL_CERT_DIR (colon-separated; hashed or not);
-//   3. the distributions' bundles (kDistributionBundles);
+//   3. the bundles of the major distributions;
 //   4. OpenSSL's built-in default file, then its default directory.
 #pragma once
 
@@ -11,9 +11,6 @@
 #include <vector>
 
 namespace foundation::certificates::detail {
-
-// The bundle locations of the major distributions, in the order they are tried.
-extern const std::vector<std::string> kDistributionBundles;
 
 struct TrustFile {
     std::size_t source = 0;  // index into TrustSourceContents::sources
