@@ -1,11 +1,13 @@
 #include "PKCS12CertificateImpl.hpp"
 
 #include "OpenSSLErrors.hpp"
+#include "PKCS12IterationLimit.hpp"
 #include "X509CertificateImpl.hpp"
 
 #include <foundation/certificates/Exceptions.hpp>
 #include <foundation/certificates/KeyConversions.hpp>
 #include <foundation/certificates/OpenSSLHandles.hpp>
+#include <foundation/certificates/PKCS12Certificate.hpp>
 
 #include <openssl/core_names.h>
 #include <openssl/crypto.h>
@@ -142,6 +144,7 @@ void PKCS12CertificateImpl::swapMembers(PKCS12CertificateImpl& other) noexcept {
 
 void PKCS12CertificateImpl::init(const ByteArray& der, const std::string& passphrase) {
     const detail::LoaderErrorQueueGuard errorQueue;
+    const std::uint64_t iterationLimit = getMaximumPKCS12Iterations();
     if (der.empty()) {
         throw InvalidArgument("The provided PKCS12 certificate bytearray has no content.");
     }
@@ -162,6 +165,7 @@ void PKCS12CertificateImpl::init(const ByteArray& der, const std::string& passph
         throw PKCS12CertificateException("Error: Loading PKSC12 certificate failed. Reason=" +
                                          reason());
     }
+    detail::checkVisiblePKCS12Iterations(*pkcs12, iterationLimit);
 
     // The passphrase is checked before anything is decrypted, so a wrong one is always reported
     // as such. An empty passphrase is the empty string, which differs from none in PKCS#12.
@@ -177,6 +181,7 @@ void PKCS12CertificateImpl::init(const ByteArray& der, const std::string& passph
     if (!loadLegacyProvider()) {
         throw PKCS12CertificateException("Error: Loading legacy provider failed." + reason());
     }
+    detail::checkEncryptedPKCS12Iterations(*pkcs12, passphrase, iterationLimit);
 
     EVP_PKEY* rawKey = nullptr;
     X509* rawCertificate = nullptr;

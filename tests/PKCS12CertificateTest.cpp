@@ -12,7 +12,10 @@
 #include <openssl/err.h>
 #include <openssl/pkcs12.h>
 
+#include <chrono>
+#include <climits>
 #include <sstream>
+#include <thread>
 #include <tuple>
 
 namespace fc = foundation::certificates;
@@ -207,6 +210,101 @@ TEST_F(PKCS12Test, ValueRules) {
     // Assignment brings it back.
     container = moved;
     EXPECT_EQ(container, moved);
+}
+
+// The bound is process-wide: every test that sets one lifts it again.
+class PKCS12IterationLimit : public PKCS12Test {
+  protected:
+    void TearDown() override {
+        fc::setMaximumPKCS12Iterations(0);
+        PKCS12Test::TearDown();
+    }
+
+    static std::string overLimit(std::uint64_t count, std::uint64_t limit) {
+        return "Error: PKCS12 certificate iteration count " + std::to_string(count) +
+               " exceeds the limit of " + std::to_string(limit) + ".";
+    }
+};
+
+TEST_F(PKCS12IterationLimit, HugeMACCountFailsBeforeAnyDerivation) {
+    // Deriving this MAC would take minutes, whatever the passphrase.
+    const ByteArray der = testsupport::withMACIterations(testsupport::makePKCS12(full), INT_MAX);
+    fc::setMaximumPKCS12Iterations(10'000'000);
+    for (const char* passphrase : {kPKCS12Passphrase, "wrong"}) {
+        queueCallersError();
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_THROW_MSG(PKCS12Certificate(der, passphrase), fc::PKCS12CertificateException,
+                         overLimit(INT_MAX, 10'000'000));
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+        EXPECT_EQ(ERR_peek_error(), 0u);
+    }
+}
+
+// Every other count sits exactly at the limit, so only the named one can trip it.
+TEST_F(PKCS12IterationLimit, EachDerivationIsBoundedAndTheBoundIsOptIn) {
+    EXPECT_EQ(fc::getMaximumPKCS12Iterations(), 0u);
+    constexpr int kLimit = 1000;
+    constexpr int kOver = 5000;
+    const std::pair<const char*, testsupport::PKCS12Iterations> cases[] = {
+        {"MAC", {kOver, kLimit, kLimit, false}},
+        {"encrypted part", {kLimit, kOver, kLimit, false}},
+        {"shrouded key", {kLimit, kLimit, kOver, false}},
+        {"shrouded key inside the encrypted part", {kLimit, kLimit, kOver, true}},
+    };
+    for (const auto& [where, iterations] : cases) {
+        SCOPED_TRACE(where);
+        PKCS12Recipe recipe = full;
+        recipe.iterations = iterations;
+        const ByteArray der = testsupport::makePKCS12(recipe);
+
+        fc::setMaximumPKCS12Iterations(kLimit);
+        queueCallersError();
+        EXPECT_THROW_MSG(PKCS12Certificate(der, kPKCS12Passphrase), fc::PKCS12CertificateException,
+                         overLimit(kOver, kLimit));
+        EXPECT_EQ(ERR_peek_error(), 0u);
+
+        // The limit is inclusive, and without one the same container opens as it always has.
+        fc::setMaximumPKCS12Iterations(kOver);
+        const PKCS12Certificate atLimit(der, kPKCS12Passphrase);
+        fc::setMaximumPKCS12Iterations(0);
+        EXPECT_EQ(PKCS12Certificate(der, kPKCS12Passphrase), atLimit);
+        EXPECT_TRUE(atLimit.getPrivateKeyInfo().has_value());
+    }
+}
+
+TEST_F(PKCS12IterationLimit, LegacyEncryptionCountsToo) {
+    PKCS12Recipe legacy = full;
+    legacy.algorithms = testsupport::PKCS12Algorithms::Legacy;
+    legacy.iterations.mac = 1000;
+    const ByteArray der = testsupport::makePKCS12(legacy);
+    fc::setMaximumPKCS12Iterations(1000);
+    EXPECT_THROW_MSG(PKCS12Certificate(der, kPKCS12Passphrase), fc::PKCS12CertificateException,
+                     overLimit(2048, 1000));
+    // Within the limit the usual answers come back: a wrong passphrase is still just that.
+    fc::setMaximumPKCS12Iterations(2048);
+    EXPECT_NO_THROW(PKCS12Certificate(der, kPKCS12Passphrase));
+    EXPECT_THROW(PKCS12Certificate(der, "wrong"), fc::IncorrectPassphrase);
+    EXPECT_EQ(ERR_peek_error(), 0u);
+}
+
+TEST_F(PKCS12IterationLimit, ConcurrencyOfSettingWhileLoading) {
+    PKCS12Recipe recipe = full;
+    recipe.iterations.mac = 3000;
+    const ByteArray der = testsupport::makePKCS12(recipe);
+    std::thread setter([] {
+        for (std::uint64_t limit = 0; limit < 200; ++limit) {
+            fc::setMaximumPKCS12Iterations(limit % 2 == 0 ? 0 : 1000);
+        }
+    });
+    // Each load sees one limit or the other, never a torn one.
+    for (int i = 0; i < 4; ++i) {
+        try {
+            PKCS12Certificate(der, kPKCS12Passphrase);
+        } catch (const fc::PKCS12CertificateException& e) {
+            EXPECT_EQ(std::string(e.what()), overLimit(3000, 1000));
+        }
+    }
+    setter.join();
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // Command-line arguments of certinfo: positional words and "--name value" / "--flag" options.
 #pragma once
 
+#include <charconv>
 #include <map>
 #include <optional>
 #include <set>
@@ -30,6 +31,19 @@ class Arguments {
     // The last value given for the option; values() has every one, in order.
     std::optional<std::string> value(const std::string& name) const;
     std::vector<std::string> values(const std::string& name) const;
+    // The option's last value as a whole number; UsageError when it is none or out of range.
+    template <typename Number>
+    std::optional<Number> number(const std::string& name) const {
+        const std::optional<std::string> text = value(name);
+        if (!text) return std::nullopt;
+        Number parsed{};
+        const char* end = text->data() + text->size();
+        const auto [stop, error] = std::from_chars(text->data(), end, parsed);
+        if (error != std::errc() || stop != end || text->empty()) {
+            throw UsageError("--" + name + " needs a number in range, not '" + *text + "'");
+        }
+        return parsed;
+    }
 
   private:
     std::vector<std::string> positional_;

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -49,19 +48,6 @@ std::set<std::string> listOption(const Arguments& args, const std::string& name)
         }
     }
     return items;
-}
-
-template <typename Number>
-std::optional<Number> numberOption(const Arguments& args, const std::string& name) {
-    const std::optional<std::string> text = args.value(name);
-    if (!text) return std::nullopt;
-    Number number{};
-    const char* end = text->data() + text->size();
-    const auto [stop, error] = std::from_chars(text->data(), end, number);
-    if (error != std::errc() || stop != end || text->empty()) {
-        throw UsageError("--" + name + " needs a number in range, not '" + *text + "'");
-    }
-    return number;
 }
 
 KeyUsage keyUsageNamed(const std::string& name) {
@@ -164,17 +150,17 @@ int runGenerate(const std::vector<std::string>& words, std::ostream& out) {
     if (const auto name = args.value("cn")) builder.withCommonName(*name);
     const std::set<std::string> altNames = listOption(args, "san");
     if (!altNames.empty()) builder.withAdditionalSubjectAltNames(altNames);
-    if (const auto days = numberOption<unsigned int>(args, "days")) {
+    if (const auto days = args.number<unsigned int>("days")) {
         try {
             builder.withValidityPeriod(*days);
         } catch (const fc::X509CertificateException& e) {
             throw UsageError(e.what());
         }
     }
-    if (const auto offset = numberOption<int>(args, "offset-days")) {
+    if (const auto offset = args.number<int>("offset-days")) {
         builder.withValidityPeriodOffset(*offset);
     }
-    if (const auto serial = numberOption<unsigned long long>(args, "serial")) {
+    if (const auto serial = args.number<unsigned long long>("serial")) {
         builder.withSerialNumber(*serial);
     }
     if (const auto bits = args.value("key-size")) builder.withPrivateKeySize(keySizeNamed(*bits));

@@ -47,8 +47,12 @@ const std::vector<certinfo::Command>& commands() {
         {"roots", "roots [ssl|signing] [--count]",
          "list the system's trusted roots for a usage, and every root skipped and why",
          certinfo::runRoots},
-        {"pkcs12", "pkcs12 FILE [--passphrase TEXT | --passphrase-env NAME] [--show-secrets]",
-         "open a DER PKCS#12 file: certificate, chain, key type (secrets with --show-secrets)",
+        {"pkcs12",
+         "pkcs12 FILE [--passphrase TEXT | --passphrase-env NAME] [--show-secrets]\n"
+         "           [--max-iterations N]",
+         "open a DER PKCS#12 file: certificate, chain, key type (secrets with --show-secrets);\n"
+         "      refuses a file asking for more than N key-derivation iterations (default\n"
+         "      10000000; 0 for no limit)",
          certinfo::runPKCS12},
     };
     return list;

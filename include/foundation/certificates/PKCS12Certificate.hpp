@@ -20,6 +20,7 @@
 #include <foundation/certificates/X509Certificate.hpp>
 #include <foundation/certificates/X509CertificateChain.hpp>
 
+#include <cstdint>
 #include <iosfwd>
 #include <memory>
 #include <mutex>
@@ -86,5 +87,15 @@ class FOUNDATION_CERTIFICATES_EXPORT PKCS12Certificate {
 
 FOUNDATION_CERTIFICATES_EXPORT std::ostream& operator<<(std::ostream& os,
                                                         const PKCS12Certificate& container);
+
+// Bounds the iteration count of every key derivation a container asks for (its MAC, its
+// encrypted parts, its shrouded keys) for all containers this process opens from now on; 0, the
+// default, sets no bound. A container over it fails before any derivation runs, with
+// PKCS12CertificateException "Error: PKCS12 certificate iteration count <count> exceeds the
+// limit of <limit>.". Safe to call from any thread; a load already running keeps the bound it
+// started with. A bound also makes loading decrypt each encrypted part once more, to see the
+// keys it holds before they are derived.
+FOUNDATION_CERTIFICATES_EXPORT void setMaximumPKCS12Iterations(std::uint64_t maximum) noexcept;
+FOUNDATION_CERTIFICATES_EXPORT std::uint64_t getMaximumPKCS12Iterations() noexcept;
 
 }  // namespace foundation::certificates
