@@ -10,7 +10,10 @@
 
 #include <openssl/err.h>
 #include <openssl/pem.h>
+#include <openssl/x509v3.h>
 
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <type_traits>
 #include <utility>
@@ -54,11 +57,20 @@ fc::TrustStore trustStoreWith(const PKI& pki) {
     return store;
 }
 
-int rawVerify(X509_STORE* store, X509* leaf, STACK_OF(X509) * untrusted) {
+int rawVerify(X509_STORE* store, X509* leaf, STACK_OF(X509) * untrusted,
+              const std::function<void(X509_VERIFY_PARAM*)>& configure = nullptr) {
     Owned<X509_STORE_CTX> context(X509_STORE_CTX_new());
     X509_STORE_CTX_init(context.get(), store, leaf, untrusted);
+    if (configure) configure(X509_STORE_CTX_get0_param(context.get()));
     const int verified = X509_verify_cert(context.get());
     return verified > 0 ? X509_V_OK : X509_STORE_CTX_get_error(context.get());
+}
+
+// The leaf's name, and a fixed time inside every test certificate's validity.
+constexpr char kLeafHost[] = "leaf.bench.test";
+const std::chrono::system_clock::time_point& validationTime() {
+    static const auto time = std::chrono::system_clock::now() - std::chrono::minutes(1);
+    return time;
 }
 
 void registerChainAndStore() {
@@ -204,6 +216,60 @@ void registerValidation() {
     }
 }
 
+// Host name and time set on both sides: what the library adds to a verification that checks a
+// name at a chosen time.
+void registerValidationWithRequirements() {
+    for (const PKI* pki : {&inputs().rsa, &inputs().ec}) {
+        const std::string key = pki == &inputs().rsa ? "rsa" : "p256";
+        registerPair(
+            {"validateCertificate_host_time_" + key,
+             "validateCertificate with host name and time, store of test root (" + pki->name + ")",
+             1.1},
+            [pki](benchmark::State& state) {
+                Owned<X509_STORE> store(X509_STORE_new());
+                X509_STORE_add_cert(store.get(), pki->root.get());
+                X509_STORE_set_flags(store.get(), kVerifyFlags);
+                const X509Stack untrusted = makeStack({pki->intermediate.get()});
+                const time_t seconds = std::chrono::system_clock::to_time_t(validationTime());
+                const auto requirements = [seconds](X509_VERIFY_PARAM* param) {
+                    X509_VERIFY_PARAM_set_time(param, seconds);
+                    X509_VERIFY_PARAM_set_hostflags(
+                        param,
+                        X509_CHECK_FLAG_NEVER_CHECK_SUBJECT | X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+                    X509_VERIFY_PARAM_set1_host(param, kLeafHost, 0);
+                };
+                if (!require(state,
+                             rawVerify(store.get(), pki->leaf.get(), untrusted.get(),
+                                       requirements) == X509_V_OK,
+                             "raw verification fails")) {
+                    return;
+                }
+                loop(state, [&] {
+                    benchmark::DoNotOptimize(
+                        rawVerify(store.get(), pki->leaf.get(), untrusted.get(), requirements));
+                });
+            },
+            [pki](benchmark::State& state) {
+                fc::TrustStore store;
+                store.addCertificate(fc::X509Certificate(toPEM(pki->root.get())));
+                const fc::X509Certificate leaf(toPEM(pki->leaf.get()));
+                fc::X509CertificateChain chain;
+                chain.addCertificate(fc::X509Certificate(toPEM(pki->intermediate.get())));
+                auto options = strictOptions();
+                options.withHostName(kLeafHost).withValidationTime(validationTime());
+                const auto first = leaf.validateCertificate(chain, options, store);
+                if (!require(state,
+                             first.getCertificateChainStatus() == fc::CertificateChainStatus::Valid,
+                             "library validation fails: " + first.getValidationErrorString())) {
+                    return;
+                }
+                loop(state, [&] {
+                    benchmark::DoNotOptimize(leaf.validateCertificate(chain, options, store));
+                });
+            });
+    }
+}
+
 // verifySignature is newer than this suite; the row runs once the header declares it.
 template <typename PKCS7Type, typename = void>
 struct HasVerifySignature : std::false_type {};
@@ -265,6 +331,7 @@ void registerSignatureVerification() {
 void registerStoreBenchmarks() {
     registerChainAndStore();
     registerValidation();
+    registerValidationWithRequirements();
     registerSignatureVerification();
 }
 

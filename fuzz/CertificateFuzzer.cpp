@@ -40,6 +40,20 @@ void exercise(const fc::X509Certificate& certificate) {
         [&] { sink << certificate.getKeySize() << certificate.getPublicKeyInfo().getKeySize(); });
     tolerate(
         [&] { sink << certificate.getModulus().size() << certificate.getPublicExponent().size(); });
+    tolerate([&] {
+        const auto names = certificate.getSubjectAlternativeNames();
+        sink << names.dnsNames.size() << names.ipAddresses.size() << names.emailAddresses.size()
+             << names.uris.size();
+    });
+    tolerate([&] { sink << certificate.getCRLDistributionPoints().size(); });
+    tolerate([&] { sink << certificate.getOCSPResponders().size(); });
+    tolerate([&] { sink << certificate.getCAIssuers().size(); });
+    tolerate([&] { sink << certificate.getKeyUsage().size(); });
+    tolerate([&] { sink << certificate.getExtendedKeyUsage().size(); });
+    tolerate([&] { sink << certificate.getPathLengthConstraint().value_or(-1); });
+    tolerate([&] { sink << certificate.getSubjectKeyIdentifier().size(); });
+    tolerate([&] { sink << certificate.getAuthorityKeyIdentifier().size(); });
+    tolerate([&] { sink << certificate.getSubjectPublicKeyInfoSHA256(); });
     tolerate([&] { sink << (certificate == certificate.clone()); });
     tolerate([&] { certificate.print(sink); });
     // What the library writes out must load back to the same certificate.

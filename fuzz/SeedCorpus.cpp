@@ -109,5 +109,10 @@ int main(int argc, char** argv) {
     write(bundles, "trusted.pem",
           testsupport::trustedPEM(rsa.root.get(), {NID_email_protect}, {NID_server_auth}) +
               testsupport::pemBlock({0x30, 0x03, 0x02, 0x01, 0x01}));
+
+    const fs::path names = root / "fuzz_validation_options";
+    write(names, "host", std::string("www.example.com."));
+    write(names, "ipv6", std::string("2001:db8::192.0.2.1"));
+    write(names, "email", std::string("first.last+tag@example.com"));
     return 0;
 }

@@ -138,7 +138,8 @@ std::string getCrlHttpData(const std::string& host, const std::string& path, Dow
 }
 
 bool downloadCRL(const X509Certificate& certificate, StoreUPtr& store,
-                 std::vector<X509CRLUPtr>& crls, DownloadMode mode, EVP_PKEYUPtr& issuerKey) {
+                 std::vector<X509CRLUPtr>& crls, DownloadMode mode, EVP_PKEYUPtr& issuerKey,
+                 TimePoint now) {
     const BIOUPtr bio = makeBIOUPtr(BIO_new(BIO_s_file()));
 
     const std::vector<std::string> uris = getCertificateURI(certificate);
@@ -206,8 +207,6 @@ bool downloadCRL(const X509Certificate& certificate, StoreUPtr& store,
                             "the Certificate Revocation List\n");
         return false;
     }
-    const auto now =
-        std::chrono::time_point_cast<std::chrono::microseconds>(std::chrono::system_clock::now());
     if (now >= asn1TimeToTimePoint(nextUpdate)) {
         handleDownloadError(mode,
                             "CRL Verification Error: Certificate Revocation List has expired\n");

@@ -33,9 +33,10 @@ std::string getCrlHttpData(const std::string& host, const std::string& path, Dow
 std::string readHttpResponse(std::istream& response, DownloadMode mode);
 
 // Fetches the certificate's list from its first http:// distribution point, verifies it with the
-// issuer's key and its next update against the clock, adds it to the store and appends it to
-// `crls`. True when the store accepted it.
+// issuer's key and its next update against `now` (the validation's time), adds it to the store
+// and appends it to `crls`. True when the store accepted it.
 bool downloadCRL(const X509Certificate& certificate, StoreUPtr& store,
-                 std::vector<X509CRLUPtr>& crls, DownloadMode mode, EVP_PKEYUPtr& issuerKey);
+                 std::vector<X509CRLUPtr>& crls, DownloadMode mode, EVP_PKEYUPtr& issuerKey,
+                 TimePoint now);
 
 }  // namespace foundation::certificates::detail

@@ -4,12 +4,17 @@
 
 #include <openssl/core_names.h>
 
+#include <atomic>
 #include <cstring>
 #include <string>
 
 namespace foundation::certificates {
 
 namespace {
+
+std::atomic<KeyAcceptance> keyAcceptance{KeyAcceptance::Standard};
+
+bool extended() { return getKeyAcceptance() == KeyAcceptance::Extended; }
 
 void throwIfNullKey(const EVP_PKEY* key) {
     if (key == nullptr) {
@@ -18,6 +23,12 @@ void throwIfNullKey(const EVP_PKEY* key) {
 }
 
 }  // namespace
+
+void setKeyAcceptance(KeyAcceptance acceptance) {
+    keyAcceptance.store(acceptance, std::memory_order_release);
+}
+
+KeyAcceptance getKeyAcceptance() { return keyAcceptance.load(std::memory_order_acquire); }
 
 KeyType getKeyType(const EVP_PKEY* key) {
     throwIfNullKey(key);
@@ -29,6 +40,7 @@ KeyType getKeyType(const EVP_PKEY* key) {
         case EVP_PKEY_ED25519:
             return KeyType::ECC;
         case EVP_PKEY_ED448:
+            if (extended()) return KeyType::ECC;
             throw UnsupportedEllipticCurve("Key uses Ed448, which is not currently supported");
         default:
             throw UnsupportedKeyType("Key is not currently supported. OpenSSL type id: " +
@@ -42,6 +54,7 @@ EllipticCurve getEllipticCurve(const EVP_PKEY* key) {
         throw CertificateException("Expected the EVP_PKEY to be ECC-based. It is not.");
     }
     if (EVP_PKEY_get_base_id(key) == EVP_PKEY_ED25519) return EllipticCurve::Ed25519;
+    if (EVP_PKEY_get_base_id(key) == EVP_PKEY_ED448) return EllipticCurve::Ed448;
 
     OSSL_PARAM* rawParams = nullptr;
     if (EVP_PKEY_todata(key, EVP_PKEY_PUBLIC_KEY, &rawParams) != 1) {
@@ -56,6 +69,8 @@ EllipticCurve getEllipticCurve(const EVP_PKEY* key) {
     const char* name = nullptr;
     if (OSSL_PARAM_get_utf8_string_ptr(group, &name) != 1 || name == nullptr) name = "";
     if (std::strcmp(name, "prime256v1") == 0) return EllipticCurve::Prime256v1;
+    if (extended() && std::strcmp(name, "secp384r1") == 0) return EllipticCurve::Secp384r1;
+    if (extended() && std::strcmp(name, "secp521r1") == 0) return EllipticCurve::Secp521r1;
     throw UnsupportedEllipticCurve("ECC-based key is not using supported ECC Curve. Curve: " +
                                    std::string(name));
 }

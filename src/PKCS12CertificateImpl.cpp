@@ -256,7 +256,8 @@ ByteArray PKCS12CertificateImpl::extractECCPrivateInteger(const EVP_PKEY* key) c
     if (priv == nullptr) {
         throw CertificateException("Could not find 'priv' in parameter list from EVP_PKEY_todata.");
     }
-    if (getEllipticCurve(key) == EllipticCurve::Prime256v1) {
+    // NIST curves carry a private integer; Edwards keys are raw octets (32 or 57 bytes).
+    if (EVP_PKEY_get_base_id(key) == EVP_PKEY_EC) {
         BIGNUM* rawInteger = nullptr;
         const int read = OSSL_PARAM_get_BN(priv, &rawInteger);
         const BNUPtr integer = makeBNUPtr(rawInteger);

@@ -26,7 +26,7 @@ X509SPtr parsedCertificate(const X509Certificate& certificate) {
 
 bool downloadCRLs(Mode mode, Check check, std::vector<X509CRLUPtr>& crls,
                   std::vector<X509Certificate>& workingList, StoreUPtr& store,
-                  const X509CertificateChain& chain, const TrustStore& trustStore) {
+                  const X509CertificateChain& chain, const TrustStore& trustStore, TimePoint now) {
     if (mode == Mode::No) return false;
 
     if (!workingList.back().isSelfSigned()) {
@@ -46,7 +46,7 @@ bool downloadCRLs(Mode mode, Check check, std::vector<X509CRLUPtr>& crls,
     for (std::size_t level = 0; level + 1 < workingList.size(); ++level) {
         EVP_PKEYUPtr issuerKey =
             makeEVP_PKEYUPtr(X509_get_pubkey(parsedCertificate(workingList[level + 1]).get()));
-        const bool obtained = downloadCRL(workingList[level], store, crls, mode, issuerKey);
+        const bool obtained = downloadCRL(workingList[level], store, crls, mode, issuerKey, now);
         if (!obtained && mode == Mode::ThrowOnError) {
             // Reached when the store refuses a list that otherwise passed every check.
             throw X509CertificateException(

@@ -21,11 +21,11 @@ namespace detail {
 // index i is verified with the key of the certificate at i + 1, so the working list must be in
 // issuing order. Appends the trusted root first when the list does not end in a self-signed
 // certificate. True only when every needed list was obtained: one missing list switches
-// revocation checking off for the whole validation.
+// revocation checking off for the whole validation. Lists are judged as of `now`.
 bool downloadCRLs(CertificateValidationOptions::DownloadCRL mode,
                   CertificateValidationOptions::CheckCRL check, std::vector<X509CRLUPtr>& crls,
                   std::vector<X509Certificate>& workingList, StoreUPtr& store,
-                  const X509CertificateChain& chain, const TrustStore& trustStore);
+                  const X509CertificateChain& chain, const TrustStore& trustStore, TimePoint now);
 
 // The first revoked entry, lowest level first, whose serial number is that of the certificate at
 // the same level; NotRevoked when there is none.

@@ -19,6 +19,16 @@ struct ValidationAccess {
     }
     static Options::CheckCRL checkCRL(const Options& o) { return o.checkCRL; }
     static Options::DownloadCRL downloadCRL(const Options& o) { return o.downloadCRL; }
+
+    static const std::optional<std::chrono::system_clock::time_point>& validationTime(
+        const Options& o) {
+        return o.validationTime;
+    }
+    // Empty when not required.
+    static const std::string& hostName(const Options& o) { return o.hostName; }
+    static const ByteArray& ipAddress(const Options& o) { return o.ipAddress; }
+    static const std::string& emailAddress(const Options& o) { return o.emailAddress; }
+    static CertificatePurpose purpose(const Options& o) { return o.purpose; }
 };
 
 }  // namespace foundation::certificates::detail

@@ -96,6 +96,17 @@ FOUNDATION_FORWARD(bool, isSelfSigned)
 FOUNDATION_FORWARD(bool, isCACertificate)
 FOUNDATION_FORWARD(bool, isValidForDigitalSigning)
 FOUNDATION_FORWARD(PublicKeyInfo, getPublicKeyInfo)
+FOUNDATION_FORWARD(X509Certificate::SubjectAlternativeNames, getSubjectAlternativeNames)
+FOUNDATION_FORWARD(std::vector<std::string>, getCRLDistributionPoints)
+FOUNDATION_FORWARD(std::vector<std::string>, getOCSPResponders)
+FOUNDATION_FORWARD(std::vector<std::string>, getCAIssuers)
+FOUNDATION_FORWARD(std::vector<X509Certificate::KeyUsage>, getKeyUsage)
+FOUNDATION_FORWARD(std::vector<std::string>, getExtendedKeyUsage)
+FOUNDATION_FORWARD(std::optional<long>, getPathLengthConstraint)
+FOUNDATION_FORWARD(ByteArray, getSubjectKeyIdentifier)
+FOUNDATION_FORWARD(ByteArray, getAuthorityKeyIdentifier)
+FOUNDATION_FORWARD(ByteArray, getSubjectPublicKeyInfo)
+FOUNDATION_FORWARD(std::string, getSubjectPublicKeyInfoSHA256)
 
 #undef FOUNDATION_FORWARD
 

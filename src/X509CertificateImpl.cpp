@@ -26,8 +26,13 @@ namespace {
 constexpr std::size_t kPemLineLength = 63;
 
 // Lets threads that share one parsed certificate read it without racing on OpenSSL's lazily
-// filled extension cache.
-void cacheExtensions(X509* certificate) { X509_check_purpose(certificate, -1, 0); }
+// filled extension cache. A certificate whose extensions OpenSSL finds invalid (a repeated
+// extension, say) still loads; the error OpenSSL queues for it must not reach a loader that
+// judges its own success by the queue.
+void cacheExtensions(X509* certificate) {
+    const detail::ScopedErrorQueueMark discardOnly;
+    X509_check_purpose(certificate, -1, 0);
+}
 
 ByteArray readStream(std::istream& input) {
     if (input.rdstate() != std::ios_base::goodbit) {

@@ -5,6 +5,7 @@
 #include <foundation/certificates/OpenSSLHandles.hpp>
 #include <foundation/certificates/PublicKeyInfo.hpp>
 #include <foundation/certificates/Types.hpp>
+#include <foundation/certificates/X509Certificate.hpp>
 
 #include <iosfwd>
 #include <mutex>
@@ -17,7 +18,6 @@
 namespace foundation::certificates {
 
 class TrustStore;
-class X509Certificate;
 class X509CertificateChain;
 
 class X509CertificateImpl {
@@ -76,6 +76,18 @@ class X509CertificateImpl {
     bool isSelfSigned() const;
     bool isCACertificate() const;
     bool isValidForDigitalSigning() const;
+
+    X509Certificate::SubjectAlternativeNames getSubjectAlternativeNames() const;
+    std::vector<std::string> getCRLDistributionPoints() const;
+    std::vector<std::string> getOCSPResponders() const;
+    std::vector<std::string> getCAIssuers() const;
+    std::vector<X509Certificate::KeyUsage> getKeyUsage() const;
+    std::vector<std::string> getExtendedKeyUsage() const;
+    std::optional<long> getPathLengthConstraint() const;
+    ByteArray getSubjectKeyIdentifier() const;
+    ByteArray getAuthorityKeyIdentifier() const;
+    ByteArray getSubjectPublicKeyInfo() const;
+    std::string getSubjectPublicKeyInfoSHA256() const;
 
     std::uint64_t getKeySize() const;
     ByteArray getRSAPublicExponent() const;

@@ -14,6 +14,9 @@
 #include <foundation/certificates/X509CertificateChain.hpp>
 
 #include <openssl/x509_vfy.h>
+#include <openssl/x509v3.h>
+
+#include <chrono>
 
 namespace foundation::certificates {
 
@@ -25,10 +28,51 @@ using detail::ValidationAccess;
 constexpr unsigned long kAlwaysFlags = X509_V_FLAG_X509_STRICT | X509_V_FLAG_ALLOW_PROXY_CERTS |
                                        X509_V_FLAG_CHECK_SS_SIGNATURE | X509_V_FLAG_TRUSTED_FIRST;
 
+// OpenSSL has no code-signing purpose before 3.2, and its later one is stricter than its other
+// purposes, so this one is ours on every version, shaped like those: a leaf's key usage must allow
+// signatures, and any certificate's extended key usage, where present, must list code signing.
+bool allowsCodeSigning(X509* certificate, int depth) {
+    const uint32_t flags = X509_get_extension_flags(certificate);
+    if ((flags & EXFLAG_XKUSAGE) != 0 &&
+        (X509_get_extended_key_usage(certificate) & XKU_CODE_SIGN) == 0) {
+        return false;
+    }
+    return depth > 0 || (flags & EXFLAG_KUSAGE) == 0 ||
+           (X509_get_key_usage(certificate) & KU_DIGITAL_SIGNATURE) != 0;
+}
+
+// The requirements OpenSSL cannot be asked to check the way the options define them, for one
+// certificate of the chain: the OpenSSL error to report, or X509_V_OK.
+int ownRequirementError(X509* certificate, int depth, const Options& options) {
+    if (ValidationAccess::purpose(options) == CertificatePurpose::CodeSigning &&
+        !allowsCodeSigning(certificate, depth)) {
+        return X509_V_ERR_INVALID_PURPOSE;
+    }
+    // OpenSSL's own e-mail check falls back to the subject's emailAddress attribute when the
+    // leaf has no rfc822Name; only subjectAltName counts here, as for host names.
+    const std::string& email = ValidationAccess::emailAddress(options);
+    if (depth == 0 && !email.empty() &&
+        X509_check_email(certificate, email.data(), email.size(),
+                         X509_CHECK_FLAG_NEVER_CHECK_SUBJECT) != 1) {
+        return X509_V_ERR_EMAIL_MISMATCH;
+    }
+    return X509_V_OK;
+}
+
 // OpenSSL asks after every check; the options decide which failures are forgiven. It keeps no
 // state: the options come with the context, so concurrent validations do not meet here.
 int verifyCallback(int ok, X509_STORE_CTX* context) {
     const auto* options = static_cast<const Options*>(X509_STORE_CTX_get_ex_data(context, 0));
+    // ok == 1 is OpenSSL's word that a certificate of the chain passed all its own checks.
+    X509* current = X509_STORE_CTX_get_current_cert(context);
+    if (ok == 1 && options != nullptr && current != nullptr) {
+        const int own =
+            ownRequirementError(current, X509_STORE_CTX_get_error_depth(context), *options);
+        if (own != X509_V_OK) {
+            X509_STORE_CTX_set_error(context, own);
+            return 0;
+        }
+    }
     const int error = X509_STORE_CTX_get_error(context);
     if (error == X509_V_OK) return 1;
     if (options == nullptr) return ok;
@@ -64,8 +108,30 @@ std::string verificationErrorText(X509_STORE_CTX* context) {
            ". \nMessage:" + X509_verify_cert_error_string(error) + "\n";
 }
 
-CertificateValidationResults resultsFor(X509_STORE_CTX* context) {
+CertificateValidationResults resultsFor(X509_STORE_CTX* context, const Options& options) {
     const int error = X509_STORE_CTX_get_error(context);
+    // These errors can only arise from a requirement the caller set; they stay "other errors"
+    // otherwise, as they always were.
+    const bool nameRequired = !ValidationAccess::hostName(options).empty() ||
+                              !ValidationAccess::ipAddress(options).empty() ||
+                              !ValidationAccess::emailAddress(options).empty();
+    const bool purposeRequired = ValidationAccess::purpose(options) != CertificatePurpose::Any;
+    switch (error) {
+        case X509_V_ERR_HOSTNAME_MISMATCH:
+        case X509_V_ERR_EMAIL_MISMATCH:
+        case X509_V_ERR_IP_ADDRESS_MISMATCH:
+            if (nameRequired) {
+                return {CertificateChainStatus::NameMismatch, verificationErrorText(context)};
+            }
+            break;
+        case X509_V_ERR_INVALID_PURPOSE:
+            if (purposeRequired) {
+                return {CertificateChainStatus::PurposeMismatch, verificationErrorText(context)};
+            }
+            break;
+        default:
+            break;
+    }
     switch (error) {
         case X509_V_OK:
             return {CertificateChainStatus::Valid, ""};
@@ -112,6 +178,49 @@ std::shared_ptr<X509_STORE> trustedStore(const TrustStore& trustStore) {
     }
 }
 
+int openSSLPurpose(CertificatePurpose purpose) {
+    switch (purpose) {
+        case CertificatePurpose::TLSServer:
+            return X509_PURPOSE_SSL_SERVER;
+        case CertificatePurpose::TLSClient:
+            return X509_PURPOSE_SSL_CLIENT;
+        case CertificatePurpose::EmailProtection:
+            return X509_PURPOSE_SMIME_SIGN;
+        case CertificatePurpose::TimeStamping:
+            return X509_PURPOSE_TIMESTAMP_SIGN;
+        case CertificatePurpose::Any:
+        case CertificatePurpose::CodeSigning:  // checked by the verify callback
+            break;
+    }
+    return 0;
+}
+
+// The caller's requirements on the context's parameters; nothing for what was not set. The
+// e-mail address and code signing are checked by the verify callback.
+void applyRequirements(X509_VERIFY_PARAM* param, const Options& options) {
+    bool applied = true;
+    if (const auto& time = ValidationAccess::validationTime(options)) {
+        const auto seconds = std::chrono::floor<std::chrono::seconds>(time->time_since_epoch());
+        X509_VERIFY_PARAM_set_time(param, static_cast<time_t>(seconds.count()));
+    }
+    // Names are matched in subjectAltName only; a wildcard must be a whole label.
+    X509_VERIFY_PARAM_set_hostflags(
+        param, X509_CHECK_FLAG_NEVER_CHECK_SUBJECT | X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+    if (const std::string& host = ValidationAccess::hostName(options); !host.empty()) {
+        applied = applied && X509_VERIFY_PARAM_set1_host(param, host.data(), host.size()) == 1;
+    }
+    if (const ByteArray& ip = ValidationAccess::ipAddress(options); !ip.empty()) {
+        applied = applied && X509_VERIFY_PARAM_set1_ip(param, ip.data(), ip.size()) == 1;
+    }
+    if (const int purpose = openSSLPurpose(ValidationAccess::purpose(options)); purpose != 0) {
+        applied = applied && X509_VERIFY_PARAM_set_purpose(param, purpose) == 1;
+    }
+    if (!applied) {
+        throw X509CertificateException(
+            "Internal error: Unable to set the validation requirements.");
+    }
+}
+
 bool sameCertificate(const X509Certificate& certificate, const X509* x509) {
     const X509SPtr parsed = detail::FacadeAccess::locked(
         certificate, [](const X509CertificateImpl& i) { return i.shared(); });
@@ -143,6 +252,8 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const O
     std::vector<X509CRLUPtr> crls;
     bool crlsObtained = false;
     if (ValidationAccess::downloadCRL(options) != Options::DownloadCRL::No) {
+        const TimePoint now = std::chrono::time_point_cast<std::chrono::microseconds>(
+            ValidationAccess::validationTime(options).value_or(std::chrono::system_clock::now()));
         try {
             withLists.reset(detail::copyStoreObjects(trusted.get()).release());
         } catch (const TrustStoreException& e) {
@@ -151,7 +262,7 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const O
         store = withLists.get();
         crlsObtained = detail::downloadCRLs(ValidationAccess::downloadCRL(options),
                                             ValidationAccess::checkCRL(options), crls, workingList,
-                                            withLists, chain, trustStore);
+                                            withLists, chain, trustStore, now);
     }
 
     unsigned long flags = kAlwaysFlags;
@@ -170,6 +281,7 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const O
     if (X509_VERIFY_PARAM_set_flags(X509_STORE_CTX_get0_param(context.get()), flags) == 0) {
         throw X509CertificateException("Failed to set the flags to X509 parameters");
     }
+    applyRequirements(X509_STORE_CTX_get0_param(context.get()), options);
     X509_STORE_CTX_set_verify_cb(context.get(), verifyCallback);
     X509_STORE_CTX_set_ex_data(context.get(), 0, const_cast<Options*>(&options));
 
@@ -188,7 +300,7 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const O
         X509_up_ref(anchor);
         return {X509CertificateImpl::fromParsed(makeX509SPtr(anchor)), results};
     }
-    results = resultsFor(context.get());
+    results = resultsFor(context.get(), options);
     if (X509_STORE_CTX_get_error(context.get()) == X509_V_ERR_CERT_REVOKED &&
         ValidationAccess::checkCRL(options) != Options::CheckCRL::None) {
         results.setCertificateRevocationResults(

@@ -16,6 +16,8 @@
 #include <openssl/x509v3.h>
 
 #include <atomic>
+#include <chrono>
+#include <functional>
 #include <optional>
 #include <thread>
 #include <tuple>
@@ -52,6 +54,8 @@ std::string errorText(int code, const std::string& name, const std::string& mess
            ".example.test,O=Foundation Test\n. \nMessage:" + message + "\n";
 }
 
+using Extensions = std::vector<std::pair<int, std::string>>;
+
 // Intermediates of the root's and leaves of the intermediate's, each naming its revocation list
 // on kServer, made once.
 struct ValidationPKI {
@@ -86,7 +90,7 @@ struct ValidationPKI {
     // Leaves are called "<name>.example.test".
     fc::X509UPtr issue(const std::string& name, const std::string& serial, const std::string& list,
                        bool isIntermediate = false, long notBefore = -3600, long notAfter = kDay,
-                       EVP_PKEY* signer = nullptr) const {
+                       EVP_PKEY* signer = nullptr, Extensions extensions = {}) const {
         testsupport::CertificateRecipe recipe;
         recipe.subject = {{"O", "Foundation Test"},
                           {"CN", isIntermediate ? name : name + ".example.test"}};
@@ -99,8 +103,9 @@ struct ValidationPKI {
         recipe.serialHex = serial;
         recipe.notBeforeOffset = notBefore;
         recipe.notAfterOffset = notAfter;
-        recipe.extensions = {
-            {NID_crl_distribution_points, "URI:http://" + std::string(kServer) + "/" + list}};
+        recipe.extensions = std::move(extensions);
+        recipe.extensions.emplace_back(NID_crl_distribution_points,
+                                       "URI:http://" + std::string(kServer) + "/" + list);
         return testsupport::makeCertificate(recipe);
     }
 };
@@ -161,6 +166,226 @@ TEST(Validation, TrustAnchorsOfTheStoreAndThePlatform) {
                       .getCertificateChainStatus(),
                   status);
     }
+}
+
+TEST(ValidationOptions, SettersRefuseWhatIsNoNameOrAddress) {
+    Options o = options();
+    const std::string host = "\" is not a DNS host name: ";
+    const std::string ip = "\" is neither IPv4 dotted-quad nor IPv6 text.";
+    const std::string email = "\" is not of the form local-part@domain.";
+    const std::vector<std::pair<std::function<void()>, std::string>> refused{
+        {[&] { o.withHostName(""); }, "The host name \"" + host + "it is empty."},
+        {[&] { o.withHostName("*.example.test"); },
+         "The host name \"*.example.test" + host +
+             "only letters, digits, hyphens and dots may appear."},
+        {[&] { o.withHostName("www.exa mple.test"); },
+         "The host name \"www.exa mple.test" + host +
+             "only letters, digits, hyphens and dots may appear."},
+        {[&] { o.withHostName("a..example.test"); },
+         "The host name \"a..example.test" + host + "it has an empty label."},
+        {[&] { o.withHostName("-a.example.test"); },
+         "The host name \"-a.example.test" + host + "a label begins or ends with a hyphen."},
+        {[&] { o.withHostName(std::string(64, 'a') + ".test"); },
+         "The host name \"" + std::string(64, 'a') + ".test" + host +
+             "a label is longer than 63 characters."},
+        {[&] { o.withHostName(std::string(250, 'a').replace(50, 1, ".") + ".test"); },
+         "The host name \"" + std::string(250, 'a').replace(50, 1, ".") + ".test" + host +
+             "it is longer than 253 characters."},
+        {[&] { o.withHostName("192.0.2.7"); },
+         "The host name \"192.0.2.7" + host + "it is an IP address, which withIPAddress takes."},
+        {[&] { o.withIPAddress("192.0.2"); }, "The IP address \"192.0.2" + ip},
+        {[&] { o.withIPAddress("192.0.2.07"); }, "The IP address \"192.0.2.07" + ip},
+        {[&] { o.withIPAddress("fe80::1%eth0"); }, "The IP address \"fe80::1%eth0" + ip},
+        {[&] { o.withIPAddress("www.example.test"); }, "The IP address \"www.example.test" + ip},
+        {[&] { o.withEmailAddress("user.example.test"); },
+         "The e-mail address \"user.example.test" + email},
+        {[&] { o.withEmailAddress("\"a b\"@example.test"); },
+         "The e-mail address \"\"a b\"@example.test" + email},
+        {[&] { o.withEmailAddress("user@192.0.2.7"); },
+         "The e-mail address \"user@192.0.2.7" + email},
+        {[&] { o.withPurpose(static_cast<fc::CertificatePurpose>(6)); },
+         "Unknown certificate purpose: 6."}};
+    for (const auto& [set, message] : refused) {
+        EXPECT_THROW_MSG(set(), fc::InvalidArgument, message);
+    }
+    EXPECT_NO_THROW(o.withHostName("WWW.Example.Test.")
+                        .withHostName("xn--bcher-kva.example.test")
+                        .withHostName("localhost")
+                        .withIPAddress("2001:db8::7")
+                        .withIPAddress("::ffff:192.0.2.7")
+                        .withEmailAddress("first.last+tag@example.test")
+                        .withPurpose(fc::CertificatePurpose::TimeStamping));
+}
+
+using Requirement = std::function<void(Options&)>;
+
+Requirement host(const std::string& name) {
+    return [name](Options& o) { o.withHostName(name); };
+}
+Requirement ip(const std::string& address) {
+    return [address](Options& o) { o.withIPAddress(address); };
+}
+Requirement email(const std::string& address) {
+    return [address](Options& o) { o.withEmailAddress(address); };
+}
+Requirement purpose(fc::CertificatePurpose value) {
+    return [value](Options& o) { o.withPurpose(value); };
+}
+Requirement at(std::chrono::seconds fromNow, bool allowExpired = false) {
+    return [fromNow, allowExpired](Options& o) {
+        o = options(false, allowExpired)
+                .withValidationTime(std::chrono::system_clock::now() + fromNow);
+    };
+}
+
+struct RequirementCase {
+    const X509Certificate* certificate;
+    const X509CertificateChain* chain;
+    Requirement require;
+    Status status;
+    std::optional<std::string> text;  // none: not pinned
+};
+
+void expectOutcomes(const std::vector<RequirementCase>& cases) {
+    const ValidationPKI& p = pki();
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        const RequirementCase& c = cases[i];
+        SCOPED_TRACE("case " + std::to_string(i) + ": " + c.certificate->getSubjectName());
+        Options o = options();
+        c.require(o);
+        const auto results = c.certificate->validateCertificate(*c.chain, o, p.trusted);
+        EXPECT_EQ(results.getCertificateChainStatus(), c.status);
+        if (c.text) {
+            EXPECT_EQ(results.getValidationErrorString(), *c.text);
+        }
+    }
+}
+
+TEST(ValidationRequirements, NamesMatchSubjectAltNameOnly) {
+    const ValidationPKI& p = pki();
+    const X509Certificate names(
+        p.issue("names", "2001", "leaf.crl", false, -3600, kDay, nullptr,
+                {{NID_subject_alt_name,
+                  "DNS:www.example.test,DNS:*.wild.example.test,DNS:f*.partial.example.test,"
+                  "IP:192.0.2.7,IP:2001:db8::7,email:user@example.test"}})
+            .get());
+    testsupport::CertificateRecipe withSubjectEmail;
+    withSubjectEmail.subject = {{"CN", "mail.example.test"},
+                                {"emailAddress", "subject@example.test"}};
+    withSubjectEmail.key = p.base.leafKey.get();
+    withSubjectEmail.issuer = p.intermediateX509.get();
+    withSubjectEmail.issuerKey = p.base.intermediateKey.get();
+    withSubjectEmail.extensions = {{NID_subject_alt_name, "DNS:mail.example.test"}};
+    const X509Certificate subjectEmail(testsupport::makeCertificate(withSubjectEmail).get());
+
+    const std::string hostMismatch = errorText(62, "names", "hostname mismatch");
+    const std::string ipMismatch = errorText(64, "names", "IP address mismatch");
+    const std::string emailMismatch = errorText(63, "names", "email address mismatch");
+    const X509CertificateChain* chain = &p.chain;
+    expectOutcomes({
+        {&names, chain, host("www.example.test"), Status::Valid, ""},
+        {&names, chain, host("WWW.EXAMPLE.test."), Status::Valid, ""},
+        {&names, chain, host("other.example.test"), Status::NameMismatch, hostMismatch},
+        // The common name is never consulted.
+        {&names, chain, host("names.example.test"), Status::NameMismatch, hostMismatch},
+        {&p.leaf, chain, host("good.example.test"), Status::NameMismatch, std::nullopt},
+        // A wildcard stands for exactly one whole left-most label.
+        {&names, chain, host("a.wild.example.test"), Status::Valid, ""},
+        {&names, chain, host("a.b.wild.example.test"), Status::NameMismatch, hostMismatch},
+        {&names, chain, host("wild.example.test"), Status::NameMismatch, hostMismatch},
+        {&names, chain, host("foo.partial.example.test"), Status::NameMismatch, hostMismatch},
+        {&names, chain, ip("192.0.2.7"), Status::Valid, ""},
+        {&names, chain, ip("2001:0db8:0:0::7"), Status::Valid, ""},
+        {&names, chain, ip("192.0.2.8"), Status::NameMismatch, ipMismatch},
+        {&names, chain, ip("::ffff:192.0.2.7"), Status::NameMismatch, ipMismatch},
+        {&names, chain, ip("2001:db8::8"), Status::NameMismatch, ipMismatch},
+        // The domain compares case-insensitively, the local part exactly.
+        {&names, chain, email("user@EXAMPLE.test"), Status::Valid, ""},
+        {&names, chain, email("USER@example.test"), Status::NameMismatch, emailMismatch},
+        {&subjectEmail, chain, email("subject@example.test"), Status::NameMismatch, std::nullopt},
+        {&names, chain,
+         [](Options& o) {
+             o.withHostName("www.example.test")
+                 .withIPAddress("192.0.2.7")
+                 .withEmailAddress("user@example.test");
+         },
+         Status::Valid, ""},
+    });
+}
+
+TEST(ValidationRequirements, PurposeCoversTheWholeChain) {
+    const ValidationPKI& p = pki();
+    const auto leaf = [&p](const std::string& name, const std::string& extendedUsage,
+                           const std::string& usage) {
+        return X509Certificate(p.issue(name, "3001", "leaf.crl", false, -3600, kDay, nullptr,
+                                       {{NID_ext_key_usage, extendedUsage}, {NID_key_usage, usage}})
+                                   .get());
+    };
+    const X509Certificate server = leaf("server", "serverAuth", "digitalSignature,keyEncipherment");
+    const X509Certificate code = leaf("code", "codeSigning", "digitalSignature");
+    const X509Certificate codeWithoutSignatures =
+        leaf("code-nosig", "codeSigning", "keyEncipherment");
+    const X509Certificate stamp =
+        leaf("stamp", "critical,timeStamping", "critical,digitalSignature");
+    const X509Certificate mail = leaf("mail", "emailProtection", "digitalSignature");
+    // The same intermediate, restricted to TLS servers.
+    const X509CertificateChain serversOnly(
+        testsupport::toPEM(p.issue("Intermediate", "22", "intermediate.crl", true, -3600,
+                                   1825 * kDay, nullptr, {{NID_ext_key_usage, "serverAuth"}})
+                               .get()));
+
+    using P = fc::CertificatePurpose;
+    const auto mismatch = [](const std::string& name) {
+        return errorText(26, name, "unsuitable certificate purpose");
+    };
+    const std::string atIntermediate =
+        "Errors present: Error code 26  at depth 1Certificate Subject Name=CN=Intermediate,O="
+        "Foundation Test\n. \nMessage:unsuitable certificate purpose\n";
+    const X509CertificateChain* chain = &p.chain;
+    expectOutcomes({
+        {&server, chain, purpose(P::Any), Status::Valid, ""},
+        {&server, chain, purpose(P::TLSServer), Status::Valid, ""},
+        {&server, chain, purpose(P::TLSClient), Status::PurposeMismatch, mismatch("server")},
+        {&server, chain, purpose(P::CodeSigning), Status::PurposeMismatch, mismatch("server")},
+        {&server, chain, purpose(P::EmailProtection), Status::PurposeMismatch, mismatch("server")},
+        {&server, chain, purpose(P::TimeStamping), Status::PurposeMismatch, mismatch("server")},
+        {&code, chain, purpose(P::CodeSigning), Status::Valid, ""},
+        {&code, chain, purpose(P::TLSServer), Status::PurposeMismatch, mismatch("code")},
+        {&codeWithoutSignatures, chain, purpose(P::CodeSigning), Status::PurposeMismatch,
+         mismatch("code-nosig")},
+        {&stamp, chain, purpose(P::TimeStamping), Status::Valid, ""},
+        {&mail, chain, purpose(P::EmailProtection), Status::Valid, ""},
+        // Without extended key usage a leaf serves any purpose its key usage allows.
+        {&p.leaf, chain, purpose(P::TLSClient), Status::Valid, ""},
+        {&p.leaf, chain, purpose(P::CodeSigning), Status::Valid, ""},
+        // A CA's extended key usage binds the certificates below it.
+        {&server, &serversOnly, purpose(P::TLSServer), Status::Valid, ""},
+        {&code, &serversOnly, purpose(P::CodeSigning), Status::PurposeMismatch, atIntermediate},
+        {&mail, &serversOnly, purpose(P::EmailProtection), Status::PurposeMismatch, atIntermediate},
+    });
+}
+
+TEST(ValidationRequirements, TimeJudgesTheWholeChain) {
+    const ValidationPKI& p = pki();
+    using std::chrono::hours;
+    // notYetValid holds from tomorrow for nine days; leaf and p.chain's intermediate until
+    // tomorrow, longLived's for five years.
+    const X509CertificateChain longLived(testsupport::toPEM(
+        p.issue("Intermediate", "23", "intermediate.crl", true, -3600, 1825 * kDay).get()));
+    expectOutcomes({
+        {&p.notYetValid, &longLived, at(hours(12)), Status::ValidationFailed,
+         "Validation Failed. Return code=9." +
+             errorText(9, "future", "certificate is not yet valid")},
+        {&p.notYetValid, &longLived, at(hours(48)), Status::Valid, ""},
+        {&p.notYetValid, &longLived, at(hours(24 * 11)), Status::Expired,
+         errorText(10, "future", "certificate has expired")},
+        {&p.leaf, &longLived, at(hours(48)), Status::Expired,
+         errorText(10, "good", "certificate has expired")},
+        {&p.leaf, &longLived, at(hours(48), true), Status::Valid, ""},
+        {&p.leaf, &p.chain, at(hours(48)), Status::Expired,
+         "Errors present: Error code 10  at depth 1Certificate Subject Name=CN=Intermediate,O="
+         "Foundation Test\n. \nMessage:certificate has expired\n"},
+    });
 }
 
 TEST(ValidationConcurrency, ValidationsShareAStoreAndACertificate) {
@@ -251,6 +476,21 @@ TEST_F(RevocationTest, CheckingAndDownloading) {
 }
 
 // ThrowOnError throws; IgnoreErrors goes on without revocation checking.
+// The lists' expiry is judged as of the validation's time too.
+TEST_F(RevocationTest, ListsAreJudgedAsOfTheValidationTime) {
+    const ValidationPKI& p = pki();
+    const auto check = crl(Check::LeafOnly, Download::ThrowOnError);
+    EXPECT_THROW_MSG(p.staleListLeaf.validateCertificate(p.chain, check, p.trusted),
+                     fc::X509CertificateException,
+                     "CRL Verification Error: Certificate Revocation List has expired\n");
+    // Half an hour ago the list had not yet expired.
+    auto then = check;
+    then.withValidationTime(std::chrono::system_clock::now() - std::chrono::minutes(30));
+    EXPECT_EQ(
+        p.staleListLeaf.validateCertificate(p.chain, then, p.trusted).getCertificateChainStatus(),
+        Status::Valid);
+}
+
 TEST_F(RevocationTest, UnusableListsSwitchCheckingOffOrThrow) {
     const ValidationPKI& p = pki();
     fc::TrustStore unrelated;

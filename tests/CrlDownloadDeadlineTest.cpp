@@ -36,7 +36,9 @@ TEST(CrlDownloadDeadline, SilentServerIsGivenUpAfterSixtySeconds) {
     EXPECT_THROW_MSG(
         fc::detail::downloadCRL(leaf, store, crls,
                                 fc::CertificateValidationOptions::DownloadCRL::ThrowOnError,
-                                issuerKey),
+                                issuerKey,
+                                std::chrono::time_point_cast<std::chrono::microseconds>(
+                                    std::chrono::system_clock::now())),
         fc::X509CertificateException,
         "CRL Download Error: Unable to get Certificate Revocation List HTTP data. CRL Download "
         "Error: Invalid response\n\n");

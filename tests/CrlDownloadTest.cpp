@@ -60,7 +60,9 @@ class CrlDownloadTest : public ::testing::Test {
 
     bool download(const fc::X509Certificate& certificate, Mode mode) {
         fc::EVP_PKEYUPtr issuerKey = fc::makeEVP_PKEYUPtr(X509_get_pubkey(pki.intermediate.get()));
-        return detail::downloadCRL(certificate, store, crls, mode, issuerKey);
+        const auto now = std::chrono::time_point_cast<std::chrono::microseconds>(
+            std::chrono::system_clock::now());
+        return detail::downloadCRL(certificate, store, crls, mode, issuerKey, now);
     }
 
     // ThrowOnError throws the message, IgnoreErrors returns false; nothing reaches the store.

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 #include <openssl/err.h>
+#include <openssl/x509v3.h>
 
 #include <functional>
 #include <sstream>
@@ -83,6 +84,28 @@ TEST_F(ChainTest, OneBadRecordRefusesTheWholeText) {
     atEnd.setstate(std::ios_base::eofbit);
     EXPECT_THROW_MSG(X509CertificateChain{atEnd}, fc::InvalidArgument,
                      "The input certificate chain data stream is invalid.");
+}
+
+// OpenSSL queues an error while caching the extensions of a certificate that repeats one; the
+// warm-up at load used to leave it for the chain loader, which took it for a parse failure.
+TEST_F(ChainTest, RepeatedExtensionDoesNotFailTheChainLoader) {
+    testsupport::CertificateRecipe repeated;
+    repeated.key = testsupport::sharedKey(testsupport::KeyKind::P256);
+    repeated.extensions = {{NID_basic_constraints, "CA:FALSE"},
+                           {NID_basic_constraints, "CA:FALSE"}};
+    const fc::X509UPtr parsed = testsupport::makeCertificate(repeated);
+    const std::string pem = testsupport::toPEM(parsed.get());
+
+    const X509CertificateChain chain(leafPem + pem);
+    EXPECT_EQ(chain.getCertificates(), (Certificates{leaf, X509Certificate(pem)}));
+    EXPECT_EQ(ERR_peek_error(), 0u);
+
+    // Nor does it reach a caller who had errors queued.
+    ERR_raise(ERR_LIB_USER, 42);
+    const X509Certificate copied(parsed.get());
+    EXPECT_EQ(ERR_GET_REASON(ERR_peek_error()), 42);
+    EXPECT_EQ(ERR_peek_last_error(), ERR_peek_error());
+    ERR_clear_error();
 }
 
 TEST_F(ChainTest, PopsTheFirstCertificateThatIsNoCA) {

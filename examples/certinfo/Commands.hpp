@@ -4,6 +4,7 @@
 #include "Arguments.hpp"
 
 #include <foundation/certificates/CertificateValidation.hpp>
+#include <foundation/certificates/KeyConversions.hpp>
 #include <foundation/certificates/TrustStore.hpp>
 #include <foundation/certificates/X509Certificate.hpp>
 
@@ -63,5 +64,19 @@ std::vector<foundation::certificates::X509Certificate> loadableCertificates(
 
 // Describes a key in one paragraph: type, curve, size, or why the library refuses it.
 void describeKey(const EVP_PKEY* key, std::ostream& out);
+
+// OpenSSL's configuration name of the bit, e.g. "digitalSignature".
+const char* keyUsageName(foundation::certificates::X509Certificate::KeyUsage usage);
+
+// The certificate's subject alternative names, key usages, constraints, distribution points,
+// access locations, key identifiers and public-key pin, one line each.
+void describeExtensions(const foundation::certificates::X509Certificate& certificate,
+                        std::ostream& out);
+
+// "EC P-256", "Ed25519", "EC P-384", ...
+const char* curveName(foundation::certificates::EllipticCurve curve);
+
+// With the flag --extended-keys, the library accepts P-384, P-521 and Ed448 keys from here on.
+void applyKeyAcceptance(const Arguments& args);
 
 }  // namespace certinfo

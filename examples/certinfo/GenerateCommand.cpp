@@ -36,6 +36,15 @@ const std::pair<const char*, KeyUsage> kKeyUsages[] = {
     {"decipherOnly", KeyUsage::DecipherOnly},
 };
 
+}  // namespace
+
+const char* keyUsageName(KeyUsage usage) {
+    // The table is in bit order.
+    return kKeyUsages[static_cast<std::size_t>(usage)].first;
+}
+
+namespace {
+
 // Every value of a repeatable option, each split at commas.
 std::set<std::string> listOption(const Arguments& args, const std::string& name) {
     std::set<std::string> items;

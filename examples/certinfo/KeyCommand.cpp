@@ -12,15 +12,53 @@ namespace certinfo {
 
 namespace fc = foundation::certificates;
 
+namespace {
+
+const char* groupName(fc::EllipticCurve curve) {
+    switch (curve) {
+        case fc::EllipticCurve::Prime256v1:
+            return "prime256v1 (P-256)";
+        case fc::EllipticCurve::Ed25519:
+            return "Ed25519";
+        case fc::EllipticCurve::Secp384r1:
+            return "secp384r1 (P-384)";
+        case fc::EllipticCurve::Secp521r1:
+            return "secp521r1 (P-521)";
+        case fc::EllipticCurve::Ed448:
+            return "Ed448";
+    }
+    return "?";
+}
+
+}  // namespace
+
+const char* curveName(fc::EllipticCurve curve) {
+    switch (curve) {
+        case fc::EllipticCurve::Prime256v1:
+            return "EC P-256";
+        case fc::EllipticCurve::Ed25519:
+            return "Ed25519";
+        case fc::EllipticCurve::Secp384r1:
+            return "EC P-384";
+        case fc::EllipticCurve::Secp521r1:
+            return "EC P-521";
+        case fc::EllipticCurve::Ed448:
+            return "Ed448";
+    }
+    return "?";
+}
+
+void applyKeyAcceptance(const Arguments& args) {
+    if (args.flag("extended-keys")) fc::setKeyAcceptance(fc::KeyAcceptance::Extended);
+}
+
 void describeKey(const EVP_PKEY* key, std::ostream& out) {
     try {
         const fc::KeyType type = fc::getKeyType(key);
         out << "  type:  " << (type == fc::KeyType::RSA ? "RSA" : "ECC") << '\n';
         if (type == fc::KeyType::ECC) {
             const fc::EllipticCurve curve = fc::getEllipticCurve(key);
-            out << "  curve: "
-                << (curve == fc::EllipticCurve::Prime256v1 ? "prime256v1 (P-256)" : "Ed25519")
-                << '\n';
+            out << "  curve: " << groupName(curve) << '\n';
         }
         out << "  bits:  " << EVP_PKEY_get_bits(key) << '\n';
     } catch (const fc::CertificateException& e) {
@@ -29,8 +67,9 @@ void describeKey(const EVP_PKEY* key, std::ostream& out) {
 }
 
 int runKey(const std::vector<std::string>& words, std::ostream& out) {
-    const Arguments args(words, {}, {});
+    const Arguments args(words, {}, {"extended-keys"});
     args.expectPositionalCount(1, 1);
+    applyKeyAcceptance(args);
     const std::string text = readInput(args.positional(0, "key file"));
 
     fc::BIOUPtr bio = fc::makeBIOUPtr(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));

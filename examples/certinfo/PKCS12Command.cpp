@@ -47,8 +47,7 @@ void describePrivateKey(const std::optional<fc::PrivateKeyInfo>& key, bool showS
             out << "Private exponent:    " << fc::hexEncode(key->getRSAPrivateExponent()) << '\n';
         }
     } else {
-        out << (key->getECCCurve() == fc::EllipticCurve::Prime256v1 ? "EC P-256" : "Ed25519")
-            << '\n';
+        out << curveName(key->getECCCurve()) << '\n';
         if (showSecrets) {
             out << "Private integer:     " << fc::hexEncode(key->getECCPrivateInteger()) << '\n';
         }
@@ -60,8 +59,9 @@ void describePrivateKey(const std::optional<fc::PrivateKeyInfo>& key, bool showS
 
 int runPKCS12(const std::vector<std::string>& words, std::ostream& out) {
     const Arguments args(words, {"passphrase", "passphrase-env", "max-iterations"},
-                         {"show-secrets"});
+                         {"show-secrets", "extended-keys"});
     args.expectPositionalCount(1, 1);
+    applyKeyAcceptance(args);
     const std::string& path = args.positional(0, "PKCS#12 file");
     const std::string passphrase = passphraseFrom(args);
     fc::setMaximumPKCS12Iterations(

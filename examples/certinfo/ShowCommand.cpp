@@ -38,13 +38,67 @@ void describePublicKey(const fc::PublicKeyInfo& key, std::ostream& out) {
         out << "RSA, " << key.getKeySize() << " bits, exponent 0x"
             << fc::hexEncode(key.getRSAPublicExponent()) << '\n';
     } else {
-        out << (key.getECCCurve() == fc::EllipticCurve::Prime256v1 ? "EC P-256" : "Ed25519") << ", "
-            << key.getKeySize() << " bits, public point " << key.getECCPublicPoint().size()
-            << " bytes\n";
+        out << curveName(key.getECCCurve()) << ", " << key.getKeySize() << " bits, public point "
+            << key.getECCPublicPoint().size() << " bytes\n";
+    }
+}
+
+std::string joined(const std::vector<std::string>& items) {
+    if (items.empty()) return "(none)";
+    std::string text;
+    for (const std::string& item : items) text += (text.empty() ? "" : ", ") + item;
+    return text;
+}
+
+std::string hexOrNone(const fc::ByteArray& bytes) {
+    return bytes.empty() ? "(none)" : fc::hexEncode(bytes);
+}
+
+// One line; an extension the library cannot decode shows its error instead.
+template <typename Describe>
+void line(std::ostream& out, const char* label, Describe describe) {
+    out << label;
+    try {
+        out << describe() << '\n';
+    } catch (const fc::CertificateException& e) {
+        out << e.what() << '\n';
     }
 }
 
 }  // namespace
+
+void describeExtensions(const fc::X509Certificate& certificate, std::ostream& out) {
+    line(out, "Subject alt names:   ", [&] {
+        const auto names = certificate.getSubjectAlternativeNames();
+        std::vector<std::string> all;
+        for (const auto& [prefix, list] :
+             {std::pair{"DNS:", &names.dnsNames}, std::pair{"IP:", &names.ipAddresses},
+              std::pair{"email:", &names.emailAddresses}, std::pair{"URI:", &names.uris}}) {
+            for (const std::string& name : *list) all.push_back(prefix + name);
+        }
+        return joined(all);
+    });
+    line(out, "Key usage:           ", [&] {
+        std::vector<std::string> names;
+        for (const auto usage : certificate.getKeyUsage()) names.emplace_back(keyUsageName(usage));
+        return joined(names);
+    });
+    line(out, "Extended key usage:  ", [&] { return joined(certificate.getExtendedKeyUsage()); });
+    line(out, "Path length limit:   ", [&] {
+        const auto length = certificate.getPathLengthConstraint();
+        return length ? std::to_string(*length) : std::string("(none)");
+    });
+    line(out,
+         "CRL distribution:    ", [&] { return joined(certificate.getCRLDistributionPoints()); });
+    line(out, "OCSP responders:     ", [&] { return joined(certificate.getOCSPResponders()); });
+    line(out, "CA issuers:          ", [&] { return joined(certificate.getCAIssuers()); });
+    line(out,
+         "Subject key id:      ", [&] { return hexOrNone(certificate.getSubjectKeyIdentifier()); });
+    line(out, "Authority key id:    ", [&] {
+        return hexOrNone(certificate.getAuthorityKeyIdentifier());
+    });
+    line(out, "Key pin (SHA-256):   ", [&] { return certificate.getSubjectPublicKeyInfoSHA256(); });
+}
 
 void describeCertificate(const fc::X509Certificate& certificate, std::ostream& out) {
     out << certificate;
@@ -66,10 +120,13 @@ void describeCertificate(const fc::X509Certificate& certificate, std::ostream& o
 }
 
 int runShow(const std::vector<std::string>& words, std::ostream& out) {
-    const Arguments args(words, {}, {});
+    const Arguments args(words, {}, {"extended-keys"});
     args.expectPositionalCount(1, 1);
+    applyKeyAcceptance(args);
     const std::string data = readInput(args.positional(0, "certificate file"));
-    describeCertificate(fc::X509Certificate(fc::ByteArray(data.begin(), data.end())), out);
+    const fc::X509Certificate certificate(fc::ByteArray(data.begin(), data.end()));
+    describeCertificate(certificate, out);
+    describeExtensions(certificate, out);
     return kExitOk;
 }
 

@@ -2,9 +2,12 @@
 
 #include <foundation/certificates/CertificateValidation.hpp>
 #include <foundation/certificates/Exceptions.hpp>
+#include <foundation/certificates/KeyConversions.hpp>
 #include <foundation/certificates/TrustStore.hpp>
 #include <foundation/certificates/X509CertificateChain.hpp>
 
+#include <cstdio>
+#include <ctime>
 #include <ostream>
 
 namespace certinfo {
@@ -28,6 +31,68 @@ Options::DownloadCRL downloadFrom(const std::string& text) {
     throw UsageError("--download takes no, ignore-errors or throw");
 }
 
+fc::CertificatePurpose purposeFrom(const std::string& text) {
+    if (text == "any") return fc::CertificatePurpose::Any;
+    if (text == "tls-server") return fc::CertificatePurpose::TLSServer;
+    if (text == "tls-client") return fc::CertificatePurpose::TLSClient;
+    if (text == "code-signing") return fc::CertificatePurpose::CodeSigning;
+    if (text == "email-protection") return fc::CertificatePurpose::EmailProtection;
+    if (text == "time-stamping") return fc::CertificatePurpose::TimeStamping;
+    throw UsageError(
+        "--purpose takes any, tls-server, tls-client, code-signing, email-protection or "
+        "time-stamping");
+}
+
+// 2024-05-01, 2024-05-01T12:00:00 (UTC), 2024-05-01T12:00:00Z or with an offset such as +02:00.
+std::chrono::system_clock::time_point timeFrom(const std::string& text) {
+    std::tm utc{};
+    int offsetHours = 0, offsetMinutes = 0, consumed = 0;
+    char sign = 0;
+    const char* s = text.c_str();
+    bool parsed = false;
+    if (std::sscanf(s, "%4d-%2d-%2d%n", &utc.tm_year, &utc.tm_mon, &utc.tm_mday, &consumed) == 3 &&
+        consumed == 10) {
+        parsed = text.size() == 10;
+        if (!parsed && text[10] == 'T' &&
+            std::sscanf(s + 11, "%2d:%2d:%2d%n", &utc.tm_hour, &utc.tm_min, &utc.tm_sec,
+                        &consumed) == 3 &&
+            consumed == 8) {
+            const std::string zone = text.substr(19);
+            parsed = zone.empty() || zone == "Z" ||
+                     (zone.size() == 6 &&
+                      std::sscanf(zone.c_str(), "%c%2d:%2d%n", &sign, &offsetHours, &offsetMinutes,
+                                  &consumed) == 3 &&
+                      consumed == 6 && (sign == '+' || sign == '-'));
+        }
+    }
+    const int year = utc.tm_year, month = utc.tm_mon, day = utc.tm_mday;
+    utc.tm_year -= 1900;
+    utc.tm_mon -= 1;
+    const std::time_t seconds = parsed ? timegm(&utc) : -1;
+    // timegm normalises 2024-02-30 into March; a date that moved was not a date.
+    if (!parsed || utc.tm_year != year - 1900 || utc.tm_mon != month - 1 || utc.tm_mday != day ||
+        utc.tm_hour > 23 || utc.tm_min > 59 || utc.tm_sec > 60 || offsetHours > 23 ||
+        offsetMinutes > 59) {
+        throw UsageError("--at takes an ISO 8601 time such as 2024-05-01 or 2024-05-01T12:00:00Z");
+    }
+    const long offset = (sign == '-' ? -1 : 1) * (offsetHours * 3600L + offsetMinutes * 60L);
+    return std::chrono::system_clock::from_time_t(seconds - offset);
+}
+
+// The requirements of the command line added to the options; a malformed name or address is a
+// usage mistake.
+void addRequirements(const Arguments& args, Options& options) {
+    try {
+        if (const auto at = args.value("at")) options.withValidationTime(timeFrom(*at));
+        if (const auto host = args.value("host")) options.withHostName(*host);
+        if (const auto ip = args.value("ip")) options.withIPAddress(*ip);
+        if (const auto email = args.value("email")) options.withEmailAddress(*email);
+        if (const auto purpose = args.value("purpose")) options.withPurpose(purposeFrom(*purpose));
+    } catch (const fc::InvalidArgument& e) {
+        throw UsageError(e.what());
+    }
+}
+
 }  // namespace
 
 const char* chainStatusName(fc::CertificateChainStatus status) {
@@ -48,6 +113,10 @@ const char* chainStatusName(fc::CertificateChainStatus status) {
             return "InvalidSignature";
         case fc::CertificateChainStatus::ValidationFailed:
             return "ValidationFailed";
+        case fc::CertificateChainStatus::NameMismatch:
+            return "NameMismatch";
+        case fc::CertificateChainStatus::PurposeMismatch:
+            return "PurposeMismatch";
     }
     return "?";
 }
@@ -107,9 +176,11 @@ bool describeValidation(const fc::CertificateValidationResults& results, std::os
 }
 
 int runVerify(const std::vector<std::string>& words, std::ostream& out) {
-    const Arguments args(words, {"chain", "trust", "crl", "download"},
-                         {"allow-self-signed", "allow-expired", "allow-revoked"});
+    const Arguments args(
+        words, {"chain", "trust", "crl", "download", "host", "ip", "email", "at", "purpose"},
+        {"allow-self-signed", "allow-expired", "allow-revoked", "extended-keys"});
     args.expectPositionalCount(1, 1);
+    applyKeyAcceptance(args);  // before anything is loaded: it decides what loads
     const std::string data = readInput(args.positional(0, "certificate file"));
     const fc::X509Certificate certificate(fc::ByteArray(data.begin(), data.end()));
 
@@ -118,7 +189,7 @@ int runVerify(const std::vector<std::string>& words, std::ostream& out) {
 
     const fc::TrustStore trustStore = trustStoreFrom(args.value("trust"), out);
 
-    const Options options(
+    Options options(
         args.flag("allow-self-signed") ? Options::AllowSelfSignedCertificate::Yes
                                        : Options::AllowSelfSignedCertificate::No,
         args.flag("allow-expired") ? Options::AllowExpiredCertificate::Yes
@@ -127,6 +198,7 @@ int runVerify(const std::vector<std::string>& words, std::ostream& out) {
                                    : Options::AllowRevokedCertificate::No,
         checkFrom(args.value("crl").value_or("none")),
         downloadFrom(args.value("download").value_or(args.value("crl") ? "ignore-errors" : "no")));
+    addRequirements(args, options);
 
     out << "Certificate: " << certificate.getSubjectName() << '\n';
     const bool valid =

@@ -17,14 +17,20 @@ const std::vector<certinfo::Command>& commands() {
          certinfo::runEncode},
         {"decode", "decode base64|hex [FILE|-]", "decode text back into bytes (to stdout)",
          certinfo::runDecode},
-        {"show", "show FILE", "print a certificate (PEM or DER) with its key and dates",
+        {"show", "show FILE [--extended-keys]",
+         "print a certificate (PEM or DER) with its key, dates, names and extensions",
          certinfo::runShow},
         {"verify",
          "verify CERT [--chain FILE] [--trust FILE] [--allow-self-signed] [--allow-expired]\n"
-         "           [--allow-revoked] [--crl none|leaf|chain] [--download no|ignore-errors|throw]",
+         "           [--allow-revoked] [--crl none|leaf|chain] [--download "
+         "no|ignore-errors|throw]\n"
+         "           [--host NAME] [--ip ADDRESS] [--email ADDRESS] [--at ISO-8601-TIME]\n"
+         "           [--purpose any|tls-server|tls-client|code-signing|email-protection|\n"
+         "           time-stamping] [--extended-keys]",
          "validate a certificate against a chain and trusted certificates (default: the\n"
-         "      system's), optionally checking revocation lists fetched over HTTP; exit 0 when\n"
-         "      valid, 1 when not",
+         "      system's), optionally checking revocation lists fetched over HTTP, the leaf's\n"
+         "      names, the chain's purpose and the time to judge it at; --extended-keys\n"
+         "      accepts P-384, P-521 and Ed448 keys too; exit 0 when valid, 1 when not",
          certinfo::runVerify},
         {"chain", "chain FILE [--pem]",
          "print every certificate of a PEM chain file (or write the chain back as PEM)",
@@ -35,7 +41,8 @@ const std::vector<certinfo::Command>& commands() {
          "      data and the signer's path to --trust (a PEM bundle; default: the system's\n"
          "      roots), with --chain's PEM certificates as intermediates, which are trusted too",
          certinfo::runPKCS7},
-        {"key", "key FILE", "classify a PEM public or private key", certinfo::runKey},
+        {"key", "key FILE [--extended-keys]", "classify a PEM public or private key",
+         certinfo::runKey},
         {"generate",
          "generate --cert-out FILE --key-out FILE [--cn NAME] [--san ENTRY[,ENTRY]]...\n"
          "           [--days 1-397] [--offset-days N] [--serial N] [--key-size 2048|3072|4096]\n"
@@ -49,7 +56,7 @@ const std::vector<certinfo::Command>& commands() {
          certinfo::runRoots},
         {"pkcs12",
          "pkcs12 FILE [--passphrase TEXT | --passphrase-env NAME] [--show-secrets]\n"
-         "           [--max-iterations N]",
+         "           [--max-iterations N] [--extended-keys]",
          "open a DER PKCS#12 file: certificate, chain, key type (secrets with --show-secrets);\n"
          "      refuses a file asking for more than N key-derivation iterations (default\n"
          "      10000000; 0 for no limit)",

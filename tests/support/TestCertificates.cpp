@@ -5,6 +5,8 @@
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 
+#include <map>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 
@@ -147,14 +149,19 @@ fc::ByteArray toDER(const X509* certificate) {
     return bytes;
 }
 
-const TestPKI& rsaPKI() {
-    static const TestPKI pki = makePKI(KeyKind::RSA2048);
-    return pki;
-}
+const TestPKI& rsaPKI() { return pkiOf(KeyKind::RSA2048); }
 
-const TestPKI& ecPKI() {
-    static const TestPKI pki = makePKI(KeyKind::P256);
-    return pki;
+const TestPKI& ecPKI() { return pkiOf(KeyKind::P256); }
+
+const TestPKI& pkiOf(KeyKind kind) {
+    // As for sharedKey: OpenSSL first, so the map goes before OpenSSL's clean-up at exit.
+    [[maybe_unused]] static const bool initialised = OPENSSL_init_crypto(0, nullptr) == 1;
+    static std::mutex mutex;
+    static std::map<KeyKind, std::unique_ptr<const TestPKI>> made;
+    const std::lock_guard<std::mutex> lock(mutex);
+    auto& pki = made[kind];
+    if (!pki) pki = std::make_unique<const TestPKI>(makePKI(kind));
+    return *pki;
 }
 
 }  // namespace testsupport

@@ -1,6 +1,8 @@
 // Certificates made at run time with the OpenSSL API, so nothing in the suite expires.
 #pragma once
 
+#include "support/TestKeys.hpp"
+
 #include <foundation/certificates/OpenSSLHandles.hpp>
 #include <foundation/certificates/Types.hpp>
 
@@ -66,5 +68,7 @@ struct TestPKI {
 const TestPKI& rsaPKI();
 // P-256 keys throughout.
 const TestPKI& ecPKI();
+// Keys of the kind throughout.
+const TestPKI& pkiOf(KeyKind kind);
 
 }  // namespace testsupport

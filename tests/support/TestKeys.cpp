@@ -72,6 +72,8 @@ const char* keyKindName(KeyKind kind) {
             return "P256";
         case KeyKind::P384:
             return "P384";
+        case KeyKind::P521:
+            return "P521";
         case KeyKind::Secp256k1:
             return "Secp256k1";
         case KeyKind::Ed25519:
@@ -102,6 +104,8 @@ EVP_PKEYUPtr generateKey(KeyKind kind) {
             return checked(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "prime256v1"), "P-256");
         case KeyKind::P384:
             return checked(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "secp384r1"), "P-384");
+        case KeyKind::P521:
+            return checked(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "secp521r1"), "P-521");
         case KeyKind::Secp256k1:
             return checked(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "secp256k1"), "secp256k1");
         case KeyKind::Ed25519:
@@ -126,6 +130,15 @@ EVP_PKEY* sharedKey(KeyKind kind) {
     auto it = keys.find(kind);
     if (it == keys.end()) it = keys.emplace(kind, generateKey(kind)).first;
     return it->second.get();
+}
+
+ScopedKeyAcceptance::ScopedKeyAcceptance(foundation::certificates::KeyAcceptance acceptance)
+    : previous(foundation::certificates::getKeyAcceptance()) {
+    foundation::certificates::setKeyAcceptance(acceptance);
+}
+
+ScopedKeyAcceptance::~ScopedKeyAcceptance() {
+    foundation::certificates::setKeyAcceptance(previous);
 }
 
 }  // namespace testsupport

@@ -5,8 +5,11 @@
 #pragma once
 
 #include <foundation/certificates/Export.hpp>
+#include <foundation/certificates/Types.hpp>
 
+#include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace foundation::certificates {
@@ -15,7 +18,29 @@ namespace detail {
 struct ValidationAccess;
 }
 
+// What a certificate chain must be good for. Any sets no requirement; each other value runs
+// OpenSSL's purpose check over the whole chain: the leaf's key usage and extended key usage, and
+// a CA's extended key usage where it has one.
+enum class CertificatePurpose : std::uint32_t {
+    Any = 0,
+    TLSServer = 1,
+    TLSClient = 2,
+    CodeSigning = 3,
+    EmailProtection = 4,  // S/MIME signing
+    TimeStamping = 5,
+};
+
 // What a validation tolerates, and whether revocation lists are fetched and checked.
+//
+// The five-setting constructor is all most callers need. The with... setters add requirements
+// and return the record, so they chain:
+//
+//   auto options = CertificateValidationOptions(...five settings...)
+//                      .withHostName("www.example.com")
+//                      .withPurpose(CertificatePurpose::TLSServer);
+//
+// (Keep the record in a variable of its own type, as above: a reference bound to the result of
+// a chain on a temporary dangles.) A requirement that is never set changes nothing.
 class FOUNDATION_CERTIFICATES_EXPORT CertificateValidationOptions {
   public:
     // Forgives OpenSSL's errors 18 and 19 (self-signed certificate at depth 0 or in the chain).
@@ -37,6 +62,28 @@ class FOUNDATION_CERTIFICATES_EXPORT CertificateValidationOptions {
                                  AllowRevokedCertificate allowRevoked, CheckCRL checkCRL,
                                  DownloadCRL downloadCRL);
 
+    // Judges the whole chain as of this time instead of now: the validity of every certificate
+    // and the expiry of downloaded revocation lists. Precision is one second.
+    CertificateValidationOptions& withValidationTime(std::chrono::system_clock::time_point time);
+
+    // The leaf must name this host in a subjectAltName dNSName entry (the subject's common name
+    // is never consulted). Case-insensitive; a certificate's wildcard matches only as the whole
+    // left-most label, and only one label. A final dot is dropped. Throws InvalidArgument for
+    // anything that is not a DNS host name, IP addresses included.
+    CertificateValidationOptions& withHostName(std::string dnsName);
+
+    // The leaf must hold this address in a subjectAltName iPAddress entry. IPv4 dotted-quad or
+    // IPv6 text; throws InvalidArgument for anything else.
+    CertificateValidationOptions& withIPAddress(std::string address);
+
+    // The leaf must hold this address in a subjectAltName rfc822Name entry. The domain compares
+    // case-insensitively, the local part exactly. Throws InvalidArgument unless the address is
+    // local-part@domain with an unquoted ASCII local part and a DNS domain.
+    CertificateValidationOptions& withEmailAddress(std::string address);
+
+    // Throws InvalidArgument for a value that is not a CertificatePurpose enumerator.
+    CertificateValidationOptions& withPurpose(CertificatePurpose purpose);
+
   private:
     friend struct detail::ValidationAccess;
 
@@ -45,6 +92,13 @@ class FOUNDATION_CERTIFICATES_EXPORT CertificateValidationOptions {
     AllowRevokedCertificate allowRevoked;
     CheckCRL checkCRL;
     DownloadCRL downloadCRL;
+
+    // Requirements added by the with... setters; in their unset state validation ignores them.
+    std::optional<std::chrono::system_clock::time_point> validationTime;
+    std::string hostName;
+    ByteArray ipAddress;  // 4 or 16 bytes in network order
+    std::string emailAddress;
+    CertificatePurpose purpose = CertificatePurpose::Any;
 };
 
 // The outcome of chain validation.
@@ -57,6 +111,9 @@ enum class CertificateChainStatus : std::uint32_t {
     Expired = 5,           // error 10
     InvalidSignature = 6,  // a certificate's signature does not verify (errors 4, 7)
     ValidationFailed = 7,  // any other error, e.g. 9 (not yet valid)
+    // Only when the options ask for it:
+    NameMismatch = 8,     // host name, IP address or e-mail address not in the leaf (62, 63, 64)
+    PurposeMismatch = 9,  // a certificate of the chain is not for the purpose (26)
 };
 
 // Whether, when and under which serial number a certificate was revoked.

@@ -2,10 +2,10 @@
 //
 // Holds the certificate that belongs to the key, the other certificates as a chain, and the
 // private key's secret as a PrivateKeyInfo. Only what the rest of the library supports opens:
-// RSA keys of at least 1024 bits, P-256 and Ed25519 keys, and certificates that load as
-// X509Certificate. Every operation locks the object's own mutex. A moved-from object throws
-// PKCS12CertificateException "Error: PKCS12Certificate is uninitialized." from every operation
-// but destruction, assignment and swap.
+// RSA keys of at least 1024 bits, P-256 and Ed25519 keys (P-384, P-521 and Ed448 too under
+// KeyAcceptance::Extended), and certificates that load as X509Certificate. Every operation locks
+// the object's own mutex. A moved-from object throws PKCS12CertificateException "Error:
+// PKCS12Certificate is uninitialized." from every operation but destruction, assignment and swap.
 //
 // Opening a container loads OpenSSL's "legacy" provider into the process-wide default library
 // context, where it stays, so that containers made with 40-bit RC2 or 3DES open too.

@@ -12,8 +12,9 @@ class FOUNDATION_CERTIFICATES_EXPORT PrivateKeyInfo {
     // An RSA key: its private exponent d. Throws CertificateException when it is empty.
     explicit PrivateKeyInfo(const ByteArray& privateExponent);
 
-    // An elliptic-curve key: for P-256 the private integer, for Ed25519 the 32 raw private key
-    // bytes. Throws CertificateException when the integer is empty.
+    // An elliptic-curve key: for the NIST curves the private integer (a big-endian magnitude),
+    // for Ed25519 and Ed448 the 32 or 57 raw private key bytes. Throws CertificateException when
+    // the integer is empty.
     PrivateKeyInfo(const ByteArray& privateInteger, EllipticCurve curve);
 
     PrivateKeyInfo(const PrivateKeyInfo& other);

@@ -14,9 +14,10 @@ class FOUNDATION_CERTIFICATES_EXPORT PublicKeyInfo {
     // An RSA key. Throws CertificateException when the exponent or the modulus is empty.
     PublicKeyInfo(unsigned long keySize, const ByteArray& publicExponent, const ByteArray& modulus);
 
-    // An elliptic-curve key: for P-256 the encoded point as the certificate carries it (normally
-    // 65 bytes starting with 0x04), for Ed25519 the 32-byte raw key. Throws CertificateException
-    // when the point is empty.
+    // An elliptic-curve key: for the NIST curves the encoded point as the certificate carries it
+    // (normally uncompressed: 0x04, X, Y; 65, 97 or 133 bytes for P-256, P-384, P-521), for
+    // Ed25519 and Ed448 the 32- or 57-byte raw key. Throws CertificateException when the point is
+    // empty.
     PublicKeyInfo(unsigned long keySize, const ByteArray& publicPoint, EllipticCurve curve);
 
     KeyType getType() const noexcept { return type; }

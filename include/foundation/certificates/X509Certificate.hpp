@@ -20,6 +20,7 @@
 #include <iosfwd>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -51,6 +52,15 @@ class FOUNDATION_CERTIFICATES_EXPORT X509Certificate {
         DecipherOnly = 8,
     };
 
+    // The subjectAltName entries of the four kinds that name an endpoint, each in certificate
+    // order. Other kinds (directory names, other names, ...) are left out.
+    struct SubjectAlternativeNames {
+        std::vector<std::string> dnsNames;
+        std::vector<std::string> ipAddresses;  // text: "192.0.2.7", "2001:db8::7"
+        std::vector<std::string> emailAddresses;
+        std::vector<std::string> uris;
+    };
+
     // An empty certificate: empty() is true, content accessors throw
     // "Error: X509Certificate has no content.".
     X509Certificate();
@@ -59,7 +69,7 @@ class FOUNDATION_CERTIFICATES_EXPORT X509Certificate {
     // anywhere in it, DER otherwise. Throw InvalidArgument for empty or unreadable input and for
     // data that is not in the detected encoding, X509CertificateException for other parse
     // failures and RSA keys under 1024 bits, UnsupportedKeyType / UnsupportedEllipticCurve for
-    // keys other than RSA, P-256 and Ed25519. The stream is read to its end.
+    // keys the current KeyAcceptance does not include. The stream is read to its end.
     explicit X509Certificate(std::istream& input);
     explicit X509Certificate(const std::string& data);
     explicit X509Certificate(const ByteArray& data);
@@ -130,6 +140,30 @@ class FOUNDATION_CERTIFICATES_EXPORT X509Certificate {
     bool isCACertificate() const;
     // Key usage has digitalSignature and extended key usage, when present, has codeSigning.
     bool isValidForDigitalSigning() const;
+
+    // Extensions. Each accessor gives an empty result (empty vector or bytes, no value) when the
+    // certificate lacks the extension, and throws X509CertificateException naming the extension
+    // when it is present but cannot be decoded or appears twice.
+    SubjectAlternativeNames getSubjectAlternativeNames() const;
+    // The URIs among the full names of the CRL distribution points.
+    std::vector<std::string> getCRLDistributionPoints() const;
+    // The URIs of the authority information access entries for OCSP and for CA issuers.
+    std::vector<std::string> getOCSPResponders() const;
+    std::vector<std::string> getCAIssuers() const;
+    // The key usage bits that are set, in bit order.
+    std::vector<KeyUsage> getKeyUsage() const;
+    // OpenSSL's short names ("serverAuth"), or the dotted OID of a purpose OpenSSL cannot name.
+    std::vector<std::string> getExtendedKeyUsage() const;
+    // The basic constraints' pathLenConstraint.
+    std::optional<long> getPathLengthConstraint() const;
+    ByteArray getSubjectKeyIdentifier() const;
+    // The key identifier of the authority key identifier extension.
+    ByteArray getAuthorityKeyIdentifier() const;
+
+    // The DER SubjectPublicKeyInfo, and its SHA-256 digest in lower-case hex (the form public-key
+    // pins take).
+    ByteArray getSubjectPublicKeyInfo() const;
+    std::string getSubjectPublicKeyInfoSHA256() const;
 
     PublicKeyInfo getPublicKeyInfo() const;
     std::uint64_t getKeySize() const;
