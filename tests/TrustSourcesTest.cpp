@@ -223,11 +223,16 @@ TEST(TrustSources, ReportAccountsForEveryCertificate) {
     }
 
     // Without a report the same settings hold, refused keys are kept and damaged blocks logged.
+    const std::size_t imported =
+        TrustStore().addSystemCertificatesWithReport(TrustStore::Usage::SSL).imported;
     TrustStore plain;
     plain.addSystemCertificates(TrustStore::Usage::SSL, false);
-    EXPECT_EQ(plain.size(),
-              TrustStore().addSystemCertificatesWithReport(TrustStore::Usage::SSL).imported + 1);
+    EXPECT_EQ(plain.size(), imported + 1);
     EXPECT_EQ(log.records().size(), 2u);
+    // A process that accepts more keys imports them too.
+    const testsupport::ScopedKeyAcceptance extended(fc::KeyAcceptance::Extended);
+    EXPECT_EQ(TrustStore().addSystemCertificatesWithReport(TrustStore::Usage::SSL).imported,
+              imported + 1);
 }
 
 // A bundle and a leaf of its own: the leaf validates against an empty trust store exactly when

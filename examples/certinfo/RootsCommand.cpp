@@ -1,5 +1,6 @@
 #include "Commands.hpp"
 
+#include <foundation/certificates/KeyConversions.hpp>
 #include <foundation/certificates/OpenSSLHandles.hpp>
 #include <foundation/certificates/TrustImportReport.hpp>
 #include <foundation/certificates/TrustStore.hpp>
@@ -45,7 +46,8 @@ fc::X509UPtr parse(const std::string& pem) {
 }  // namespace
 
 int runRoots(const std::vector<std::string>& words, std::ostream& out) {
-    const Arguments args(words, {}, {"count"});
+    const Arguments args(words, {}, {"count", "extended-keys"});
+    if (args.flag("extended-keys")) fc::setKeyAcceptance(fc::KeyAcceptance::Extended);
     const bool countOnly = args.flag("count");
     args.expectPositionalCount(0, 1);
     const std::string usageName = args.positional().empty() ? "ssl" : args.positional(0, "usage");
