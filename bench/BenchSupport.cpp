@@ -250,12 +250,18 @@ bool require(benchmark::State& state, bool condition, const std::string& message
 void registerPair(const Row& row, Body raw, Body library, PairOptions options) {
     const auto add = [&row, &options](const std::string& side, Body body) {
         benchmark::internal::Benchmark* benchmark = benchmark::RegisterBenchmark(
-            (row.id + "/" + side).c_str(), [row, body](benchmark::State& state) {
+            (row.id + "/" + side).c_str(),
+            [row, body, threads = options.threads](benchmark::State& state) {
                 body(state);
                 state.SetLabel(row.label);
-                state.counters["target"] = row.target;
+                // Counters add up over threads unless told to average.
+                const auto flags =
+                    threads > 0 ? benchmark::Counter::kAvgThreads : benchmark::Counter::kDefaults;
+                state.counters["target"] = benchmark::Counter(row.target, flags);
+                if (threads > 0) state.counters["wall_clock"] = benchmark::Counter(1, flags);
             });
         benchmark->Unit(benchmark::kMicrosecond);
+        if (options.threads > 0) benchmark->Threads(options.threads)->UseRealTime();
         // A profile divides by an exact count: one run of a fixed length, no estimation runs.
         const char* fixed = std::getenv("BENCH_ITERATIONS");
         if (fixed != nullptr && std::atoll(fixed) > 0) {

@@ -117,6 +117,9 @@ using Body = std::function<void(benchmark::State&)>;
 struct PairOptions {
     // Fixed iterations per repetition (0: let the library decide).
     benchmark::IterationCount iterations = 0;
+    // Both sides run on this many threads at once (0: one, timed by CPU). With threads the row
+    // is timed by the wall clock: waiting for a lock costs no CPU but does cost throughput.
+    int threads = 0;
 };
 
 void registerPair(const Row& row, Body raw, Body library, PairOptions options = {});

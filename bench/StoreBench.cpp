@@ -214,6 +214,61 @@ void registerValidation() {
                 });
             });
     }
+
+    // A server's objects, used by several threads at once: one certificate, chain and store
+    // shared by all (or a copy of the certificate per thread), beside raw verifications sharing
+    // one X509_STORE, each with its own context. Timed by the wall clock.
+    struct Shared {
+        const PKI& pki = inputs().rsa;
+        fc::TrustStore store = trustStoreWith(pki);
+        fc::X509Certificate leaf{toPEM(pki.leaf.get())};
+        fc::X509CertificateChain chain{toPEM(pki.intermediate.get())};
+        Owned<X509_STORE> rawStore = rawStoreWith(pki, kVerifyFlags);
+        X509Stack untrusted = makeStack({pki.intermediate.get()});
+    };
+    const auto shared = std::make_shared<const Shared>();
+    for (const int threads : {1, 2, 4}) {
+        for (const bool copies : {false, true}) {
+            const std::string count = std::to_string(threads);
+            registerPair(
+                {std::string("validateCertificate_") + (copies ? "copies" : "shared") + "_threads" +
+                     count,
+                 "validateCertificate on " + count + " thread(s), " +
+                     (copies ? "a copy of the certificate each" : "one shared certificate") +
+                     " (RSA-2048, vs one shared X509_STORE)",
+                 1.0 / 0.9},
+                [shared](benchmark::State& state) {
+                    X509* leaf = shared->pki.leaf.get();
+                    if (!require(state,
+                                 rawVerify(shared->rawStore.get(), leaf, shared->untrusted.get()) ==
+                                     X509_V_OK,
+                                 "raw verification fails")) {
+                        return;
+                    }
+                    loop(state, [&] {
+                        benchmark::DoNotOptimize(
+                            rawVerify(shared->rawStore.get(), leaf, shared->untrusted.get()));
+                    });
+                },
+                [shared, copies](benchmark::State& state) {
+                    const fc::X509Certificate copy(shared->leaf);
+                    const fc::X509Certificate& leaf = copies ? copy : shared->leaf;
+                    const auto first =
+                        leaf.validateCertificate(shared->chain, strictOptions(), shared->store);
+                    if (!require(
+                            state,
+                            first.getCertificateChainStatus() == fc::CertificateChainStatus::Valid,
+                            "library validation fails")) {
+                        return;
+                    }
+                    loop(state, [&] {
+                        benchmark::DoNotOptimize(leaf.validateCertificate(
+                            shared->chain, strictOptions(), shared->store));
+                    });
+                },
+                {0, threads});
+        }
+    }
 }
 
 // Host name and time set on both sides: what the library adds to a verification that checks a

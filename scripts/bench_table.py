@@ -35,6 +35,7 @@ def bench_rows(path):
     pairs = {}
     order = []
     for entry in results.get("benchmarks", []):
+        # Threaded rows carry "/real_time/threads:N" after the side.
         parts = entry["run_name"].split("/")
         if len(parts) < 2 or parts[1] not in ("raw", "lib"):
             continue
@@ -50,13 +51,16 @@ def bench_rows(path):
         if entry.get("error_occurred"):
             pair[side + "_error"] = entry.get("error_message", "error")
         name = entry.get("aggregate_name")
+        # Rows run on several threads are timed by the wall clock (time per operation across
+        # all threads), the others by CPU time.
+        time = "real_time" if entry.get("wall_clock") else "cpu_time"
         if name == "median":
-            pair[side] = (entry["cpu_time"], entry["time_unit"])
+            pair[side] = (entry[time], entry["time_unit"])
         elif name == "cv":
-            pair[side + "_cv"] = entry["cpu_time"] * 100.0
+            pair[side + "_cv"] = entry[time] * 100.0
         elif name is None and entry.get("run_type") == "iteration" and side not in pair:
             # Without repetitions there are no aggregates: the single run is the median.
-            pair.setdefault(side + "_single", (entry["cpu_time"], entry["time_unit"]))
+            pair.setdefault(side + "_single", (entry[time], entry["time_unit"]))
     rows = []
     for row_id in sorted(order, key=lambda r: pairs[r]["family"]):
         pair = pairs[row_id]
@@ -164,7 +168,8 @@ def main():
     print(f"{met} of {len(measured)} measured rows meet their targets.")
     if context:
         load = ", ".join(f"{v:.2f}" for v in context.get("load_avg", []))
-        print(f"Times: median CPU time per iteration; {context.get('num_cpus', '?')} CPUs, "
+        print(f"Times: median CPU time per iteration (rows on several threads: wall-clock time "
+              f"per operation across the threads); {context.get('num_cpus', '?')} CPUs, "
               f"load average {load}.")
     for note in notes:
         print("Note: " + note)

@@ -64,7 +64,7 @@ void handleDownloadError(DownloadMode mode, const std::string& message) {
 
 std::vector<std::string> getCertificateURI(const X509Certificate& certificate) {
     // The parsed certificate is shared and never changes, so it is read in place.
-    const X509SPtr x509 = FacadeAccess::locked(certificate, [](const X509CertificateImpl& i) {
+    const X509SPtr x509 = FacadeAccess::read(certificate, [](const X509CertificateImpl& i) {
         i.throwIfEmpty();
         return i.shared();
     });

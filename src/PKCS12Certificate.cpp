@@ -12,32 +12,33 @@ namespace foundation::certificates {
 using detail::FacadeAccess;
 using Impl = PKCS12CertificateImpl;
 
-PKCS12Certificate::PKCS12Certificate() : impl(std::make_unique<Impl>()) {}
+PKCS12Certificate::PKCS12Certificate() : impl(std::make_shared<Impl>()) {}
 
 PKCS12Certificate::PKCS12Certificate(std::istream& input, const std::string& passphrase)
-    : impl(std::make_unique<Impl>(input, passphrase)) {}
+    : impl(std::make_shared<Impl>(input, passphrase)) {}
 
 PKCS12Certificate::PKCS12Certificate(const ByteArray& der, const std::string& passphrase)
-    : impl(std::make_unique<Impl>(der, passphrase)) {}
+    : impl(std::make_shared<Impl>(der, passphrase)) {}
 
 PKCS12Certificate::PKCS12Certificate(const PKCS12Certificate& other)
-    : impl(FacadeAccess::copiedImpl(other)) {}
+    : impl(FacadeAccess::current(other)) {}
 
 PKCS12Certificate& PKCS12Certificate::operator=(const PKCS12Certificate& other) {
-    PKCS12Certificate copy(other);
-    swap(copy);
+    FacadeAccess::assign(*this, other);
     return *this;
 }
 
 PKCS12Certificate::PKCS12Certificate(PKCS12Certificate&& other) noexcept
-    : impl(std::move(other.impl)) {}
+    : impl(FacadeAccess::release(other)) {}
 
 PKCS12Certificate& PKCS12Certificate::operator=(PKCS12Certificate&& other) noexcept {
-    swap(other);
+    FacadeAccess::swap(*this, other);
     return *this;
 }
 
-void PKCS12Certificate::swap(PKCS12Certificate& other) noexcept { impl.swap(other.impl); }
+void PKCS12Certificate::swap(PKCS12Certificate& other) noexcept {
+    FacadeAccess::swap(*this, other);
+}
 
 PKCS12Certificate::~PKCS12Certificate() = default;
 
@@ -46,41 +47,38 @@ void PKCS12Certificate::throwIfImplEmpty() const {
 }
 
 X509Certificate PKCS12Certificate::getCertificate() const {
-    return FacadeAccess::locked(*this, [](const Impl& i) { return i.getCertificate(); });
+    return FacadeAccess::read(*this, [](const Impl& i) { return i.getCertificate(); });
 }
 
 X509CertificateChain PKCS12Certificate::getCAChain() const {
-    return FacadeAccess::locked(*this, [](const Impl& i) { return i.getCAChain(); });
+    return FacadeAccess::read(*this, [](const Impl& i) { return i.getCAChain(); });
 }
 
 std::optional<PrivateKeyInfo> PKCS12Certificate::getPrivateKeyInfo() const {
-    return FacadeAccess::locked(*this, [](const Impl& i) { return i.getPrivateKeyInfo(); });
+    return FacadeAccess::read(*this, [](const Impl& i) { return i.getPrivateKeyInfo(); });
 }
 
 ByteArray PKCS12Certificate::getPrivateExponent() const {
-    return FacadeAccess::locked(*this, [](const Impl& i) { return i.getPrivateExponent(); });
+    return FacadeAccess::read(*this, [](const Impl& i) { return i.getPrivateExponent(); });
 }
 
 bool PKCS12Certificate::empty() const {
-    return FacadeAccess::locked(*this, [](const Impl& i) { return i.empty(); });
+    return FacadeAccess::read(*this, [](const Impl& i) { return i.empty(); });
 }
 
 ByteArray PKCS12Certificate::getAsBytes() const {
-    if (empty()) return {};
-    return FacadeAccess::locked(*this, [](const Impl& i) { return i.getAsBytes(); });
+    return FacadeAccess::read(*this, [](const Impl& i) { return i.getAsBytes(); });
 }
 
 void PKCS12Certificate::print(std::ostream& os) const {
-    FacadeAccess::locked(*this, [&os](const Impl& i) { i.print(os); });
+    FacadeAccess::read(*this, [&os](const Impl& i) { i.print(os); });
 }
 
 bool PKCS12Certificate::operator==(const PKCS12Certificate& other) const {
-    // Only this object's lock: taking the other's too could deadlock two threads comparing a and
-    // b in opposite orders, or one comparing an object with itself.
-    const std::lock_guard<std::mutex> lock(mutex);
-    other.throwIfImplEmpty();
-    throwIfImplEmpty();
-    return *impl == *other.impl;
+    // The other object first: its "uninitialized" message wins when both are moved from.
+    const auto theirs = FacadeAccess::current(other);
+    const auto mine = FacadeAccess::current(*this);
+    return *mine == *theirs;
 }
 
 bool PKCS12Certificate::operator!=(const PKCS12Certificate& other) const {

@@ -110,13 +110,6 @@ PKCS12CertificateImpl::PKCS12CertificateImpl(const ByteArray& der, const std::st
     init(der, passphrase);
 }
 
-PKCS12CertificateImpl::PKCS12CertificateImpl(const PKCS12CertificateImpl& other,
-                                             const std::lock_guard<std::mutex>&)
-    : privateKeyInfo(other.privateKeyInfo),
-      pkcs12(other.pkcs12),
-      certificate(other.certificate),
-      caChain(other.caChain) {}
-
 PKCS12CertificateImpl::PKCS12CertificateImpl(PKCS12CertificateImpl&& other)
     : PKCS12CertificateImpl() {
     swapMembers(other);

@@ -1,4 +1,4 @@
-// The implementation behind PKCS12Certificate.
+// The implementation behind PKCS12Certificate. Never changed once a facade shares it.
 #pragma once
 
 #include <foundation/certificates/PrivateKeyInfo.hpp>
@@ -10,7 +10,6 @@
 
 #include <iosfwd>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -21,8 +20,6 @@ class PKCS12CertificateImpl {
     PKCS12CertificateImpl();
     PKCS12CertificateImpl(std::istream& input, const std::string& passphrase);
     PKCS12CertificateImpl(const ByteArray& der, const std::string& passphrase);
-    // Shares the other's container; the guard proves the caller holds the owning facade's lock.
-    PKCS12CertificateImpl(const PKCS12CertificateImpl& other, const std::lock_guard<std::mutex>&);
     // Moving leaves the source as a default-constructed implementation.
     PKCS12CertificateImpl(PKCS12CertificateImpl&& other);
     PKCS12CertificateImpl& operator=(const PKCS12CertificateImpl& other);

@@ -1,7 +1,7 @@
 #include "PKCS7CertificateImpl.hpp"
 
+#include "FacadeAccess.hpp"
 #include "OpenSSLErrors.hpp"
-#include "X509CertificateImpl.hpp"
 
 #include <foundation/certificates/Exceptions.hpp>
 #include <foundation/certificates/OpenSSLHandles.hpp>
@@ -63,11 +63,12 @@ struct ShallowX509StackFree {
     void operator()(STACK_OF(X509) * stack) const { sk_X509_free(stack); }
 };
 
-// A certificate that only the library holds (it lives in one of our own structures) becomes a
-// value without a second parse.
-X509Certificate shareParsed(X509* certificate) {
+// A certificate that only the library holds (it lives in one of our own structures) is shared
+// without a second parse.
+std::shared_ptr<const X509CertificateImpl> shareParsed(X509* certificate) {
     X509_up_ref(certificate);
-    return X509Certificate(X509CertificateImpl::fromParsed(makeX509SPtr(certificate)));
+    return std::make_shared<const X509CertificateImpl>(
+        X509CertificateImpl::fromParsed(makeX509SPtr(certificate)));
 }
 
 }  // namespace
@@ -80,31 +81,7 @@ PKCS7CertificateImpl::PKCS7CertificateImpl(const std::string& data) { init(copyS
 
 PKCS7CertificateImpl::PKCS7CertificateImpl(const ByteArray& data) { init(data); }
 
-PKCS7CertificateImpl::PKCS7CertificateImpl(const PKCS7CertificateImpl& other,
-                                           const std::lock_guard<std::mutex>&)
-    : certificates(other.certificates), pkcs7(duplicate(other.pkcs7.get())) {}
-
-PKCS7CertificateImpl::PKCS7CertificateImpl(PKCS7CertificateImpl&& other) noexcept
-    : certificates(std::move(other.certificates)), pkcs7(std::move(other.pkcs7)) {
-    other.certificates.clear();
-}
-
-PKCS7CertificateImpl& PKCS7CertificateImpl::operator=(const PKCS7CertificateImpl& other) {
-    if (this == &other) return *this;
-    certificates = other.certificates;
-    // Without a structure to copy, the target keeps its own.
-    if (other.pkcs7) pkcs7 = duplicate(other.pkcs7.get());
-    return *this;
-}
-
-PKCS7CertificateImpl& PKCS7CertificateImpl::operator=(PKCS7CertificateImpl&& other) noexcept {
-    if (this != &other) {
-        certificates = std::move(other.certificates);
-        other.certificates.clear();
-        pkcs7 = std::move(other.pkcs7);
-    }
-    return *this;
-}
+PKCS7CertificateImpl::PKCS7CertificateImpl(const PKCS7CertificateImpl& other) = default;
 
 PKCS7CertificateImpl::~PKCS7CertificateImpl() = default;
 
@@ -130,6 +107,7 @@ void PKCS7CertificateImpl::init(const ByteArray& data) {
     }
     BIO_set_mem_eof_return(bio.get(), -1);
 
+    detail::OpenSSLPtr<PKCS7> pkcs7;
     if (autodetectEncoding(data) == Encoding::PEM) {
         pkcs7 = detail::wrap(PEM_read_bio_PKCS7(bio.get(), nullptr, nullptr, nullptr));
         if (ERR_GET_REASON(ERR_peek_error()) == PEM_R_NO_START_LINE) {
@@ -158,7 +136,7 @@ void PKCS7CertificateImpl::init(const ByteArray& data) {
 
     const STACK_OF(X509)* set = certificateSet(*pkcs7);
     const int count = set != nullptr ? sk_X509_num(set) : 0;
-    std::vector<X509Certificate> loaded;
+    std::vector<std::shared_ptr<const X509CertificateImpl>> loaded;
     loaded.reserve(static_cast<std::size_t>(count));
     try {
         for (int i = 0; i < count; ++i) loaded.push_back(shareParsed(sk_X509_value(set, i)));
@@ -167,11 +145,22 @@ void PKCS7CertificateImpl::init(const ByteArray& data) {
             std::string("Error: Unable to parse X509 certificate(s) inside PKCS7 certificate.") +
             e.what());
     }
+    structure = std::make_shared<Structure>();
+    structure->pkcs7 = std::move(pkcs7);
     certificates = std::move(loaded);
 }
 
-void PKCS7CertificateImpl::addCertificate(const X509Certificate& certificate) {
-    certificates.push_back(certificate);
+void PKCS7CertificateImpl::addCertificate(std::shared_ptr<const X509CertificateImpl> certificate) {
+    certificates.push_back(std::move(certificate));
+}
+
+std::vector<X509Certificate> PKCS7CertificateImpl::getCertificates() const {
+    std::vector<X509Certificate> values;
+    values.reserve(certificates.size());
+    for (const auto& certificate : certificates) {
+        values.push_back(detail::FacadeAccess::wrap<X509Certificate>(certificate));
+    }
+    return values;
 }
 
 void PKCS7CertificateImpl::throwIfEmpty() const {
@@ -180,8 +169,9 @@ void PKCS7CertificateImpl::throwIfEmpty() const {
 
 ByteArray PKCS7CertificateImpl::getAsBytes() const {
     if (certificates.empty()) return {};
-    const BIOUPtr bio = makeBIOUPtr(pkcs7 ? BIO_new(BIO_s_mem()) : nullptr);
-    if (!bio || PEM_write_bio_PKCS7(bio.get(), pkcs7.get()) == 0) {
+    const BIOUPtr bio = makeBIOUPtr(structure ? BIO_new(BIO_s_mem()) : nullptr);
+    if (!bio || !withStructure(
+                    [&bio](PKCS7* pkcs7) { return PEM_write_bio_PKCS7(bio.get(), pkcs7) != 0; })) {
         throw PKCS7CertificateException("Unable to write out the PKCS7 data");
     }
     char* data = nullptr;
@@ -198,20 +188,25 @@ std::string PKCS7CertificateImpl::getAsString() const {
 X509CertificateChain PKCS7CertificateImpl::getSignerCerts() const {
     // Signers are looked up only among the structure's own certificates, in a private duplicate:
     // the loaded structure shares its certificates with values callers hold, and is only read.
-    const detail::OpenSSLPtr<PKCS7> copy = duplicate(pkcs7.get());
+    const detail::OpenSSLPtr<PKCS7> copy =
+        withStructure([](const PKCS7* pkcs7) { return duplicate(pkcs7); });
     const std::unique_ptr<STACK_OF(X509), ShallowX509StackFree> signers(
         PKCS7_get0_signers(copy.get(), nullptr, PKCS7_NO_DUAL_CONTENT));
     X509CertificateChain chain;
     const int count = signers ? sk_X509_num(signers.get()) : 0;
-    for (int i = 0; i < count; ++i)
-        chain.addCertificate(shareParsed(sk_X509_value(signers.get(), i)));
+    for (int i = 0; i < count; ++i) {
+        chain.addCertificate(detail::FacadeAccess::wrap<X509Certificate>(
+            shareParsed(sk_X509_value(signers.get(), i))));
+    }
     return chain;
 }
 
 ByteArray PKCS7CertificateImpl::getSignedData() const {
     const BIOUPtr output = makeBIOUPtr(BIO_new(BIO_s_mem()));
-    if (!output || PKCS7_verify(pkcs7.get(), nullptr, nullptr, nullptr, output.get(),
-                                PKCS7_NOVERIFY | PKCS7_NO_DUAL_CONTENT) != 1) {
+    if (!output || !withStructure([&output](PKCS7* pkcs7) {
+            return PKCS7_verify(pkcs7, nullptr, nullptr, nullptr, output.get(),
+                                PKCS7_NOVERIFY | PKCS7_NO_DUAL_CONTENT) == 1;
+        })) {
         return {};
     }
     BUF_MEM* buffer = nullptr;
@@ -223,8 +218,9 @@ ByteArray PKCS7CertificateImpl::getSignedData() const {
 
 void PKCS7CertificateImpl::print(std::ostream& os) const {
     os << "Printing PKCS7 certificate.\n";
-    for (const X509Certificate& certificate : certificates) {
-        os << certificate << '\n' << std::flush;
+    for (const auto& certificate : certificates) {
+        certificate->print(os);
+        os << '\n' << std::flush;
     }
 }
 

@@ -1,7 +1,10 @@
 // The implementation behind PKCS7Certificate: the parsed structure and the certificate list.
+// Never changed once a facade shares it: addCertificate builds a new one, sharing the structure
+// and the certificates.
 #pragma once
 
 #include "OpenSSLPtr.hpp"
+#include "X509CertificateImpl.hpp"
 
 #include <foundation/certificates/CertificateValidation.hpp>
 #include <foundation/certificates/TrustStore.hpp>
@@ -10,6 +13,7 @@
 #include <foundation/certificates/X509CertificateChain.hpp>
 
 #include <iosfwd>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -26,18 +30,16 @@ class PKCS7CertificateImpl {
     explicit PKCS7CertificateImpl(std::istream& input);
     explicit PKCS7CertificateImpl(const std::string& data);
     explicit PKCS7CertificateImpl(const ByteArray& data);
-    // Duplicates the structure; the guard proves the caller holds the owning facade's lock.
-    PKCS7CertificateImpl(const PKCS7CertificateImpl& other, const std::lock_guard<std::mutex>&);
-    PKCS7CertificateImpl(PKCS7CertificateImpl&& other) noexcept;
-    PKCS7CertificateImpl& operator=(const PKCS7CertificateImpl& other);
-    PKCS7CertificateImpl& operator=(PKCS7CertificateImpl&& other) noexcept;
+    // Shares the structure and the certificates.
+    PKCS7CertificateImpl(const PKCS7CertificateImpl& other);
+    PKCS7CertificateImpl& operator=(const PKCS7CertificateImpl& other) = delete;
     ~PKCS7CertificateImpl();
 
     void init(const ByteArray& data);
     Encoding autodetectEncoding(const ByteArray& data) const;
 
-    void addCertificate(const X509Certificate& certificate);
-    const std::vector<X509Certificate>& getCertificates() const noexcept { return certificates; }
+    void addCertificate(std::shared_ptr<const X509CertificateImpl> certificate);
+    std::vector<X509Certificate> getCertificates() const;
     std::size_t getNumCertificates() const noexcept { return certificates.size(); }
     bool empty() const noexcept { return certificates.empty(); }
     void throwIfEmpty() const;
@@ -45,7 +47,6 @@ class PKCS7CertificateImpl {
     ByteArray getAsBytes() const;
     std::string getAsString() const;
 
-    // Takes the chain's and the trust store's locks one at a time.
     PKCS7CertificateValidationResults verifySignature(const X509CertificateChain& chain,
                                                       const TrustStore& trustStore,
                                                       const ByteArray& data) const;
@@ -54,12 +55,24 @@ class PKCS7CertificateImpl {
 
     void print(std::ostream& os) const;
 
-    // Borrowed; null in a default-constructed object.
-    PKCS7* get() const noexcept { return pkcs7.get(); }
-
   private:
-    std::vector<X509Certificate> certificates;
-    detail::OpenSSLPtr<PKCS7> pkcs7;
+    // OpenSSL's PKCS#7 routines may write to the structure they are given (the verifier records
+    // its state in it), so the copies sharing one take turns calling them.
+    struct Structure {
+        detail::OpenSSLPtr<PKCS7> pkcs7;
+        std::mutex mutex;
+    };
+
+    // Runs operation(PKCS7*) with the structure to itself; the pointer is null without one.
+    template <typename Operation>
+    auto withStructure(Operation&& operation) const {
+        if (!structure) return operation(static_cast<PKCS7*>(nullptr));
+        const std::lock_guard<std::mutex> lock(structure->mutex);
+        return operation(structure->pkcs7.get());
+    }
+
+    std::vector<std::shared_ptr<const X509CertificateImpl>> certificates;
+    std::shared_ptr<Structure> structure;
 };
 
 }  // namespace foundation::certificates

@@ -78,15 +78,18 @@ PKCS7CertificateValidationResults PKCS7CertificateImpl::verifySignature(
         flags = 0;
     }
 
-    if (PKCS7_verify(pkcs7.get(), untrusted.get(), store, input.get(), nullptr, flags) == 1) {
-        return {true, CertificateChainStatus::Valid, ""};
-    }
+    const auto verify = [&](X509_STORE* against, int verifyFlags) {
+        return withStructure([&](PKCS7* pkcs7) {
+            return PKCS7_verify(pkcs7, untrusted.get(), against, input.get(), nullptr,
+                                verifyFlags) == 1;
+        });
+    };
+    if (verify(store, flags)) return {true, CertificateChainStatus::Valid, ""};
     const std::string reason = earliestReason();
     if (reason != kPathFailure) return {false, CertificateChainStatus::ValidationFailed, reason};
 
     // Was it only the path? Then the signature alone verifies, and validation says what is wrong.
-    if (PKCS7_verify(pkcs7.get(), untrusted.get(), nullptr, input.get(), nullptr, PKCS7_NOVERIFY) !=
-        1) {
+    if (!verify(nullptr, PKCS7_NOVERIFY)) {
         return {false, CertificateChainStatus::ValidationFailed, earliestReason()};
     }
     const std::vector<X509Certificate> signers = getSignerCerts().getCertificates();

@@ -16,7 +16,7 @@ using Mode = CertificateValidationOptions::DownloadCRL;
 using Check = CertificateValidationOptions::CheckCRL;
 
 X509SPtr parsedCertificate(const X509Certificate& certificate) {
-    return FacadeAccess::locked(certificate, [](const X509CertificateImpl& i) {
+    return FacadeAccess::read(certificate, [](const X509CertificateImpl& i) {
         i.throwIfEmpty();
         return i.shared();
     });

@@ -3,6 +3,7 @@
 #include "FacadeAccess.hpp"
 #include "OpenSSLErrors.hpp"
 #include "OpenSSLPtr.hpp"
+#include "TrustStoreAccess.hpp"
 #include "X509CertificateImpl.hpp"
 
 #include <foundation/certificates/Exceptions.hpp>
@@ -21,62 +22,64 @@ using detail::FacadeAccess;
 namespace {
 
 // A trust store without implementation (moved from) reads as an empty store, so these run the
-// operation under the store's lock with a possibly null implementation instead of refusing.
+// operation on a possibly null implementation instead of refusing.
 template <typename Operation>
-decltype(auto) withImpl(const TrustStore& store, Operation&& operation) {
-    const std::lock_guard<std::mutex> lock(FacadeAccess::mutex(store));
-    return std::forward<Operation>(operation)(FacadeAccess::implPointer(store).get());
+auto withImpl(const TrustStore& store, Operation&& operation) {
+    const auto impl = FacadeAccess::currentOrNull(store);
+    return std::forward<Operation>(operation)(impl.get());
 }
 
 // Adding operations bring a moved-from store back with a fresh implementation.
 template <typename Operation>
-decltype(auto) withNewOrExistingImpl(TrustStore& store, Operation&& operation) {
-    const std::lock_guard<std::mutex> lock(FacadeAccess::mutex(store));
-    auto& impl = FacadeAccess::implPointer(store);
-    if (!impl) impl = std::make_unique<TrustStoreImpl>();
+auto withNewOrExistingImpl(TrustStore& store, Operation&& operation) {
+    const auto impl =
+        FacadeAccess::change(store, [](const std::shared_ptr<TrustStoreImpl>& current) {
+            return current ? current : std::make_shared<TrustStoreImpl>();
+        });
     return std::forward<Operation>(operation)(*impl);
+}
+
+// A new implementation with the source's certificates; the source is read under its own locks.
+std::shared_ptr<TrustStoreImpl> copiedImpl(const TrustStore& source) {
+    const auto impl = FacadeAccess::currentOrNull(source);
+    return impl ? detail::TrustStoreAccess::copy(*impl) : std::make_shared<TrustStoreImpl>();
 }
 
 }  // namespace
 
-TrustStore::TrustStore() : impl(std::make_unique<TrustStoreImpl>()) {}
+TrustStore::TrustStore() : impl(std::make_shared<TrustStoreImpl>()) {}
 
 TrustStore::TrustStore(std::unique_ptr<ISystemCertificateAdder> adder)
-    : impl(std::make_unique<TrustStoreImpl>(std::move(adder))) {}
+    : impl(std::make_shared<TrustStoreImpl>(std::move(adder))) {}
 
-TrustStore::TrustStore(const TrustStore& other) {
-    const std::lock_guard<std::mutex> lock(other.mutex);
-    impl = other.impl ? std::make_unique<TrustStoreImpl>(*other.impl, lock)
-                      : std::make_unique<TrustStoreImpl>();
-}
+TrustStore::TrustStore(const TrustStore& other) : impl(copiedImpl(other)) {}
 
 TrustStore& TrustStore::operator=(const TrustStore& other) {
-    TrustStore copy(other);
-    swap(copy);
+    if (this != &other) FacadeAccess::install(*this, copiedImpl(other));
     return *this;
 }
 
-TrustStore::TrustStore(TrustStore&& other) noexcept : impl(std::move(other.impl)) {}
+TrustStore::TrustStore(TrustStore&& other) noexcept : impl(FacadeAccess::release(other)) {}
 
 TrustStore& TrustStore::operator=(TrustStore&& other) noexcept {
-    swap(other);
+    FacadeAccess::swap(*this, other);
     return *this;
 }
 
-void TrustStore::swap(TrustStore& other) noexcept { impl.swap(other.impl); }
+void TrustStore::swap(TrustStore& other) noexcept { FacadeAccess::swap(*this, other); }
 
 TrustStore::~TrustStore() = default;
 
 void TrustStore::addCertificate(const X509Certificate& certificate) {
     if (certificate.empty()) throw TrustStoreException("Input certificate is empty.");
-    withNewOrExistingImpl(*this, [&certificate](TrustStoreImpl& store) {
-        // Store before certificate: the one lock order between the two families. The store
-        // takes its own reference to the certificate's parsed X509, which is never modified.
-        FacadeAccess::locked(certificate, [&store](const X509CertificateImpl& parsed) {
-            parsed.throwIfEmpty();
-            store.addCertificateX509(parsed.get());
-        });
+    // The certificate is read before the store is touched: one facade lock at a time. The store
+    // takes its own reference to the parsed X509, which is never modified.
+    const X509SPtr parsed = FacadeAccess::read(certificate, [](const X509CertificateImpl& i) {
+        i.throwIfEmpty();
+        return i.shared();
     });
+    withNewOrExistingImpl(
+        *this, [&parsed](TrustStoreImpl& store) { store.addCertificateX509(parsed.get()); });
 }
 
 void TrustStore::addSystemCertificates(Usage usage, bool throwOnFailure) {

@@ -15,9 +15,14 @@ struct TrustStoreAccess {
     // trust store without implementation. Reused across calls while the certificates stay the
     // same, so it must never be changed: copy it (copyStoreObjects) to add anything.
     static std::shared_ptr<X509_STORE> verificationStore(const TrustStore& trustStore) {
-        const std::lock_guard<std::mutex> lock(FacadeAccess::mutex(trustStore));
-        const auto& impl = FacadeAccess::implPointer(trustStore);
+        const auto impl = FacadeAccess::currentOrNull(trustStore);
         return impl ? impl->verificationStore() : std::shared_ptr<X509_STORE>();
+    }
+
+    // A new implementation with the other's certificates and a clone of its adder.
+    static std::shared_ptr<TrustStoreImpl> copy(const TrustStoreImpl& other) {
+        return std::shared_ptr<TrustStoreImpl>(
+            new TrustStoreImpl(other, TrustStoreImpl::CopyTag{}));
     }
 };
 

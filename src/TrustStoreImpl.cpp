@@ -15,6 +15,7 @@
 #include <openssl/x509v3.h>
 
 #include <climits>
+#include <exception>
 #include <sstream>
 
 namespace foundation::certificates {
@@ -58,8 +59,15 @@ TrustStoreImpl::TrustStoreImpl(std::unique_ptr<ISystemCertificateAdder> adder)
 }
 
 TrustStoreImpl::TrustStoreImpl(const TrustStoreImpl& other, const std::lock_guard<std::mutex>&)
-    : systemCertificateAdder(other.systemCertificateAdder ? other.systemCertificateAdder->clone()
-                                                          : nullptr) {
+    : TrustStoreImpl(other, CopyTag{}) {}
+
+TrustStoreImpl::TrustStoreImpl(const TrustStoreImpl& other, CopyTag) {
+    {
+        const std::lock_guard<std::mutex> lock(other.adderMutex);
+        if (other.systemCertificateAdder) {
+            systemCertificateAdder.reset(other.systemCertificateAdder->clone());
+        }
+    }
     const detail::ScopedErrorQueueMark errorQueue;
     store.reset(other.copyOpenSSLStore(), X509_STORE_free);
     if (!store) throw TrustStoreException("Failed to create X509_STORE");
@@ -95,6 +103,11 @@ void TrustStoreImpl::addCertificateDER(const ByteArray& bytes) {
 
 void TrustStoreImpl::addCertificateX509(X509* certificate) {
     const detail::ScopedErrorQueueMark errorQueue;
+    const std::lock_guard<std::mutex> lock(contentMutex);
+    addUnlocked(certificate);
+}
+
+void TrustStoreImpl::addUnlocked(X509* certificate) {
     if (X509_STORE_add_cert(store.get(), certificate) == 1) return;
     const unsigned long error = ERR_peek_last_error();
     const bool alreadyPresent = !ERR_SYSTEM_ERROR(error) && ERR_GET_LIB(error) == ERR_LIB_X509 &&
@@ -104,10 +117,32 @@ void TrustStoreImpl::addCertificateX509(X509* certificate) {
 
 void TrustStoreImpl::addSystemCertificates(TrustStore::Usage usage, bool throwOnFailure) {
     const detail::ScopedErrorQueueMark errorQueue;
-    if (systemCertificateAdder) {
-        systemCertificateAdder->addSystemCertificates(*this, usage, throwOnFailure);
+    // Reading the platform's certificates is slow: it fills a store of its own, which nobody
+    // waits for, and the result joins this one in a single step.
+    TrustStoreImpl imported(nullptr);
+    std::exception_ptr failure;
+    {
+        const std::lock_guard<std::mutex> lock(adderMutex);
+        try {
+            if (systemCertificateAdder) {
+                systemCertificateAdder->addSystemCertificates(imported, usage, throwOnFailure);
+            }
+        } catch (...) {
+            failure = std::current_exception();
+        }
     }
-    removeExpiredAndInvalidCertificatesFor(usage);
+    const std::lock_guard<std::mutex> lock(contentMutex);
+    {
+        // What was added before a failure stays added, as it would have been in place.
+        const detail::StoreListLock importedLock(imported.store.get());
+        const STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(imported.store.get());
+        for (int index = 0; index < sk_X509_OBJECT_num(objects); ++index) {
+            X509* certificate = X509_OBJECT_get0_X509(sk_X509_OBJECT_value(objects, index));
+            if (certificate != nullptr) addUnlocked(certificate);
+        }
+    }
+    if (failure) std::rethrow_exception(failure);
+    removeUnlocked(usage);
 }
 
 TrustImportReport TrustStoreImpl::addSystemCertificatesWithReport(TrustStore::Usage usage) {
@@ -122,6 +157,11 @@ TrustImportReport TrustStoreImpl::addSystemCertificatesWithReport(TrustStore::Us
 
 void TrustStoreImpl::removeExpiredAndInvalidCertificatesFor(TrustStore::Usage usage) {
     const detail::ScopedErrorQueueMark errorQueue;
+    const std::lock_guard<std::mutex> lock(contentMutex);
+    removeUnlocked(usage);
+}
+
+void TrustStoreImpl::removeUnlocked(TrustStore::Usage usage) {
     const detail::StoreListLock lock(store.get());
     STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(store.get());
 
@@ -144,12 +184,14 @@ void TrustStoreImpl::removeExpiredAndInvalidCertificatesFor(TrustStore::Usage us
 
 X509* TrustStoreImpl::getCertificate(int index) const {
     const detail::ScopedErrorQueueMark errorQueue;
+    const std::lock_guard<std::mutex> content(contentMutex);
     const detail::StoreListLock lock(store.get());
     return certificateAt(X509_STORE_get0_objects(store.get()), index);
 }
 
 std::vector<std::string> TrustStoreImpl::getPEMStrings() const {
     const detail::ScopedErrorQueueMark errorQueue;
+    const std::lock_guard<std::mutex> content(contentMutex);
     const detail::StoreListLock lock(store.get());
     const STACK_OF(X509_OBJECT)* objects = X509_STORE_get0_objects(store.get());
     const int count = sk_X509_OBJECT_num(objects);
@@ -174,6 +216,7 @@ std::vector<std::string> TrustStoreImpl::getPEMStrings() const {
 }
 
 std::size_t TrustStoreImpl::size() const {
+    const std::lock_guard<std::mutex> content(contentMutex);
     const detail::StoreListLock lock(store.get());
     const int count = sk_X509_OBJECT_num(X509_STORE_get0_objects(store.get()));
     return count > 0 ? static_cast<std::size_t>(count) : 0;
@@ -185,10 +228,12 @@ X509_STORE* TrustStoreImpl::copyOpenSSLStore() const {
     const detail::ScopedErrorQueueMark errorQueue;
     // Certificates and CRLs in a store are never modified, so the copy shares them by reference
     // count instead of duplicating each one.
+    const std::lock_guard<std::mutex> content(contentMutex);
     return detail::copyStoreObjects(store.get()).release();
 }
 
 std::shared_ptr<X509_STORE> TrustStoreImpl::verificationStore() const {
+    const std::lock_guard<std::mutex> content(contentMutex);
     verificationSnapshot = detail::StoreSnapshot::of(store.get(), verificationSnapshot);
     // The pointer keeps the snapshot, and so its store, alive.
     return std::shared_ptr<X509_STORE>(verificationSnapshot, verificationSnapshot->store());

@@ -12,45 +12,46 @@ namespace foundation::certificates {
 
 using detail::FacadeAccess;
 
-X509Certificate::X509Certificate() : impl(std::make_unique<X509CertificateImpl>()) {}
+X509Certificate::X509Certificate() : impl(std::make_shared<X509CertificateImpl>()) {}
 
 X509Certificate::X509Certificate(std::istream& input)
-    : impl(std::make_unique<X509CertificateImpl>(input)) {}
+    : impl(std::make_shared<X509CertificateImpl>(input)) {}
 
 X509Certificate::X509Certificate(const std::string& data)
-    : impl(std::make_unique<X509CertificateImpl>(data)) {}
+    : impl(std::make_shared<X509CertificateImpl>(data)) {}
 
 X509Certificate::X509Certificate(const ByteArray& data)
-    : impl(std::make_unique<X509CertificateImpl>(data)) {}
+    : impl(std::make_shared<X509CertificateImpl>(data)) {}
 
 X509Certificate::X509Certificate(const X509* certificate)
-    : impl(std::make_unique<X509CertificateImpl>(certificate)) {}
+    : impl(std::make_shared<X509CertificateImpl>(certificate)) {}
 
-X509Certificate::X509Certificate(X509CertificateImpl& other) {
-    const std::lock_guard<std::mutex> lock(mutex);
-    impl = std::make_unique<X509CertificateImpl>(other, lock);
-}
+X509Certificate::X509Certificate(X509CertificateImpl& other)
+    : impl(std::make_shared<X509CertificateImpl>(other.share())) {}
 
 X509Certificate::X509Certificate(X509CertificateImpl&& other)
-    : impl(std::make_unique<X509CertificateImpl>(std::move(other))) {}
+    : impl(std::make_shared<X509CertificateImpl>(std::move(other))) {}
+
+X509Certificate::X509Certificate(std::shared_ptr<const X509CertificateImpl> impl) noexcept
+    : impl(std::move(impl)) {}
 
 X509Certificate::X509Certificate(const X509Certificate& other)
-    : impl(FacadeAccess::copiedImpl(other)) {}
+    : impl(FacadeAccess::current(other)) {}
 
 X509Certificate& X509Certificate::operator=(const X509Certificate& other) {
-    X509Certificate copy(other);
-    swap(copy);
+    FacadeAccess::assign(*this, other);
     return *this;
 }
 
-X509Certificate::X509Certificate(X509Certificate&& other) noexcept : impl(std::move(other.impl)) {}
+X509Certificate::X509Certificate(X509Certificate&& other) noexcept
+    : impl(FacadeAccess::release(other)) {}
 
 X509Certificate& X509Certificate::operator=(X509Certificate&& other) noexcept {
-    swap(other);
+    FacadeAccess::swap(*this, other);
     return *this;
 }
 
-void X509Certificate::swap(X509Certificate& other) noexcept { impl.swap(other.impl); }
+void X509Certificate::swap(X509Certificate& other) noexcept { FacadeAccess::swap(*this, other); }
 
 X509Certificate::~X509Certificate() = default;
 
@@ -59,23 +60,23 @@ void X509Certificate::throwIfImplEmpty() const {
 }
 
 bool X509Certificate::empty() const {
-    return FacadeAccess::locked(*this, [](const X509CertificateImpl& i) { return i.empty(); });
+    return FacadeAccess::read(*this, [](const X509CertificateImpl& i) { return i.empty(); });
 }
 
 X509Certificate X509Certificate::clone() const {
     return X509Certificate(
-        FacadeAccess::locked(*this, [](const X509CertificateImpl& i) { return i.clone(); }));
+        FacadeAccess::read(*this, [](const X509CertificateImpl& i) { return i.clone(); }));
 }
 
 X509* X509Certificate::getOpenSSLCertificate() const {
-    return FacadeAccess::locked(
+    return FacadeAccess::read(
         *this, [](const X509CertificateImpl& i) { return i.getOpenSSLCertificate(); });
 }
 
-// Each accessor forwards under the lock to the implementation's accessor of the same name.
-#define FOUNDATION_FORWARD(ReturnType, name)                                                       \
-    ReturnType X509Certificate::name() const {                                                     \
-        return FacadeAccess::locked(*this, [](const X509CertificateImpl& i) { return i.name(); }); \
+// Each accessor forwards to the implementation's accessor of the same name.
+#define FOUNDATION_FORWARD(ReturnType, name)                                                     \
+    ReturnType X509Certificate::name() const {                                                   \
+        return FacadeAccess::read(*this, [](const X509CertificateImpl& i) { return i.name(); }); \
     }
 
 FOUNDATION_FORWARD(ByteArray, getAsBytes)
@@ -111,13 +112,13 @@ FOUNDATION_FORWARD(std::string, getSubjectPublicKeyInfoSHA256)
 #undef FOUNDATION_FORWARD
 
 std::unordered_map<std::string, std::string> X509Certificate::getSubjectNameAsRDNs() const {
-    return FacadeAccess::locked(
+    return FacadeAccess::read(
         *this, [](const X509CertificateImpl& i) { return i.getSubjectNameAsRDNs(); });
 }
 
 std::unordered_map<std::string, std::string> X509Certificate::getIssuerNameAsRDNs() const {
-    return FacadeAccess::locked(
-        *this, [](const X509CertificateImpl& i) { return i.getIssuerNameAsRDNs(); });
+    return FacadeAccess::read(*this,
+                              [](const X509CertificateImpl& i) { return i.getIssuerNameAsRDNs(); });
 }
 
 std::uint64_t X509Certificate::getKeySize() const { return getPublicKeyInfo().getKeySize(); }
@@ -129,8 +130,6 @@ ByteArray X509Certificate::getPublicExponent() const {
 ByteArray X509Certificate::getModulus() const { return getPublicKeyInfo().getRSAModulus(); }
 
 bool X509Certificate::operator==(const X509Certificate& other) const {
-    // One lock at a time: holding both would deadlock on self-comparison and could deadlock two
-    // threads comparing a and b in opposite orders.
     const std::string mine = getSHA256Fingerprint();
     const std::string theirs = other.getSHA256Fingerprint();
     return mine == theirs;
@@ -139,20 +138,20 @@ bool X509Certificate::operator==(const X509Certificate& other) const {
 bool X509Certificate::operator!=(const X509Certificate& other) const { return !(*this == other); }
 
 void X509Certificate::print(std::ostream& os) const {
-    FacadeAccess::locked(*this, [&os](const X509CertificateImpl& i) { i.print(os); });
+    FacadeAccess::read(*this, [&os](const X509CertificateImpl& i) { i.print(os); });
 }
 
 CertificateValidationResults X509Certificate::validateCertificate(
     const X509CertificateChain& chain, const CertificateValidationOptions& options,
     const TrustStore& trustStore) const {
-    return FacadeAccess::locked(*this, [&](const X509CertificateImpl& i) {
+    return FacadeAccess::read(*this, [&](const X509CertificateImpl& i) {
         return i.validateCertificate(chain, options, trustStore);
     });
 }
 
 X509Certificate X509Certificate::getRootCACertificate(const X509CertificateChain& chain,
                                                       const TrustStore& trustStore) const {
-    return X509Certificate(FacadeAccess::locked(*this, [&](const X509CertificateImpl& i) {
+    return X509Certificate(FacadeAccess::read(*this, [&](const X509CertificateImpl& i) {
         return i.getRootCACertificate(chain, trustStore);
     }));
 }
@@ -167,7 +166,7 @@ STACK_OF(X509) * getCopyOfOpenSSLX509Stack(const std::vector<X509Certificate>& c
     if (!stack) throw X509CertificateException("Internal error: Unable to allocate a stack.");
     for (const X509Certificate& certificate : certificates) {
         X509UPtr duplicate =
-            makeX509UPtr(FacadeAccess::locked(certificate, [](const X509CertificateImpl& i) {
+            makeX509UPtr(FacadeAccess::read(certificate, [](const X509CertificateImpl& i) {
                 i.throwIfEmpty();
                 return X509_dup(i.get());
             }));
@@ -183,7 +182,7 @@ X509StackUPtr detail::shareX509Stack(const std::vector<X509Certificate>& certifi
     X509StackUPtr stack = makeX509StackUPtr(sk_X509_new_null());
     if (!stack) throw X509CertificateException("Internal error: Unable to allocate a stack.");
     for (const X509Certificate& certificate : certificates) {
-        const X509SPtr parsed = FacadeAccess::locked(certificate, [](const X509CertificateImpl& i) {
+        const X509SPtr parsed = FacadeAccess::read(certificate, [](const X509CertificateImpl& i) {
             i.throwIfEmpty();
             return i.shared();
         });

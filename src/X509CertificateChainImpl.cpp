@@ -1,7 +1,7 @@
 #include "X509CertificateChainImpl.hpp"
 
+#include "FacadeAccess.hpp"
 #include "OpenSSLErrors.hpp"
-#include "X509CertificateImpl.hpp"
 
 #include <foundation/certificates/Exceptions.hpp>
 
@@ -43,9 +43,7 @@ X509CertificateChainImpl::X509CertificateChainImpl(std::istream& input) { init(r
 
 X509CertificateChainImpl::X509CertificateChainImpl(const std::string& pemText) { init(pemText); }
 
-X509CertificateChainImpl::X509CertificateChainImpl(const X509CertificateChainImpl& other,
-                                                   const std::lock_guard<std::mutex>&)
-    : certificates(other.certificates) {}
+X509CertificateChainImpl::X509CertificateChainImpl(const X509CertificateChainImpl& other) = default;
 
 X509CertificateChainImpl::X509CertificateChainImpl(X509CertificateChainImpl&& other) noexcept
     : certificates(std::move(other.certificates)) {
@@ -90,14 +88,15 @@ void X509CertificateChainImpl::init(const std::string& pemText) {
     const X509INFOStackUPtr records =
         makeX509INFOStackUPtr(PEM_X509_INFO_read_bio(bio.get(), nullptr, nullptr, nullptr));
     const int count = records ? sk_X509_INFO_num(records.get()) : 0;
-    std::vector<X509Certificate> loaded;
+    std::vector<std::shared_ptr<const X509CertificateImpl>> loaded;
     loaded.reserve(static_cast<std::size_t>(count));
     try {
         for (int i = 0; i < count; ++i) {
             X509* parsed = sk_X509_INFO_value(records.get(), i)->x509;
             // The record is ours alone: take a reference instead of a duplicate.
             if (parsed != nullptr) X509_up_ref(parsed);
-            loaded.emplace_back(X509CertificateImpl::fromParsed(makeX509SPtr(parsed)));
+            loaded.push_back(std::make_shared<const X509CertificateImpl>(
+                X509CertificateImpl::fromParsed(makeX509SPtr(parsed))));
         }
     } catch (const CertificateException& e) {
         throw X509CertificateChainException(
@@ -111,8 +110,18 @@ void X509CertificateChainImpl::init(const std::string& pemText) {
     certificates = std::move(loaded);
 }
 
-void X509CertificateChainImpl::addCertificate(const X509Certificate& certificate) {
-    certificates.push_back(certificate);
+void X509CertificateChainImpl::addCertificate(
+    std::shared_ptr<const X509CertificateImpl> certificate) {
+    certificates.push_back(std::move(certificate));
+}
+
+std::vector<X509Certificate> X509CertificateChainImpl::getCertificates() const {
+    std::vector<X509Certificate> values;
+    values.reserve(certificates.size());
+    for (const auto& certificate : certificates) {
+        values.push_back(detail::FacadeAccess::wrap<X509Certificate>(certificate));
+    }
+    return values;
 }
 
 void X509CertificateChainImpl::throwIfEmpty() const {
@@ -123,9 +132,9 @@ void X509CertificateChainImpl::throwIfEmpty() const {
 
 std::string X509CertificateChainImpl::getAsString() const {
     std::string text;
-    for (const X509Certificate& certificate : certificates) {
+    for (const auto& certificate : certificates) {
         text += kBeginLine;
-        text += certificate.getAsString();
+        text += certificate->getAsString();
         text += kEndLine;
     }
     return text;
@@ -134,16 +143,17 @@ std::string X509CertificateChainImpl::getAsString() const {
 void X509CertificateChainImpl::print(std::ostream& os) const {
     os << "Printing certificate chain.\n"
        << "---------------------------\n";
-    for (const X509Certificate& certificate : certificates) {
-        os << certificate << '\n' << std::flush;
+    for (const auto& certificate : certificates) {
+        certificate->print(os);
+        os << '\n' << std::flush;
     }
 }
 
 X509Certificate X509CertificateChainImpl::popLeafCertificate() {
     throwIfEmpty();
     for (auto it = certificates.begin(); it != certificates.end(); ++it) {
-        if (!it->isCACertificate()) {
-            X509Certificate leaf = std::move(*it);
+        if (!(*it)->isCACertificate()) {
+            X509Certificate leaf = detail::FacadeAccess::wrap<X509Certificate>(std::move(*it));
             certificates.erase(it);
             return leaf;
         }

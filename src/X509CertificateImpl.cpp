@@ -75,10 +75,6 @@ X509CertificateImpl::X509CertificateImpl(const std::string& data) { init(copyStr
 
 X509CertificateImpl::X509CertificateImpl(const ByteArray& data) { init(data); }
 
-X509CertificateImpl::X509CertificateImpl(const X509CertificateImpl& other,
-                                         const std::lock_guard<std::mutex>&)
-    : certificate(other.certificate) {}
-
 X509CertificateImpl::X509CertificateImpl(X509CertificateImpl&& other) noexcept
     : certificate(std::move(other.certificate)) {}
 

@@ -8,7 +8,6 @@
 #include <foundation/certificates/X509Certificate.hpp>
 
 #include <iosfwd>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -32,8 +31,6 @@ class X509CertificateImpl {
     explicit X509CertificateImpl(std::istream& input);
     explicit X509CertificateImpl(const std::string& data);
     explicit X509CertificateImpl(const ByteArray& data);
-    // Shares the other's certificate; the guard proves the caller holds the owning facade's lock.
-    X509CertificateImpl(const X509CertificateImpl& other, const std::lock_guard<std::mutex>&);
     X509CertificateImpl(X509CertificateImpl&& other) noexcept;
     X509CertificateImpl& operator=(const X509CertificateImpl& other);
     X509CertificateImpl& operator=(X509CertificateImpl&& other) noexcept;
@@ -99,8 +96,7 @@ class X509CertificateImpl {
 
     void print(std::ostream& os) const;
 
-    // A second implementation sharing this one's certificate. The caller holds the owning
-    // facade's lock.
+    // A second implementation sharing this one's certificate.
     X509CertificateImpl share() const { return X509CertificateImpl(certificate); }
 
     // Whether the trust anchor a validation returns is an independent duplicate (for callers)

@@ -222,7 +222,7 @@ void applyRequirements(X509_VERIFY_PARAM* param, const Options& options) {
 }
 
 bool sameCertificate(const X509Certificate& certificate, const X509* x509) {
-    const X509SPtr parsed = detail::FacadeAccess::locked(
+    const X509SPtr parsed = detail::FacadeAccess::read(
         certificate, [](const X509CertificateImpl& i) { return i.shared(); });
     return parsed.get() == x509 || (parsed && X509_cmp(parsed.get(), x509) == 0);
 }

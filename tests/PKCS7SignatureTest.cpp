@@ -1,5 +1,6 @@
 // Verifying PKCS#7 signatures: the signature itself, the signer's path to the trust store, and
 // what the chain argument and the thread's OpenSSL error queue do to the outcome.
+#include "support/Stress.hpp"
 #include "support/TestCertificates.hpp"
 #include "support/TestPKCS7.hpp"
 #include "support/TestTrustBundle.hpp"
@@ -158,6 +159,60 @@ TEST_F(PKCS7Concurrency, VerificationsAndReadsShareCertificates) {
     }
     for (auto& thread : threads) thread.join();
     EXPECT_EQ(wrong, 0);
+}
+
+// One object verified, read, extended and reassigned by several threads at once; a copy always
+// holds one of the two signatures, whole.
+TEST_F(PKCS7Concurrency, VerificationsReadsAdditionsAndAssignments) {
+    const PKCS7Certificate valid = sign(testsupport::chainedSigner(), false, true);
+    const PKCS7Certificate expired = sign(testsupport::expiredSigner());
+    const X509Certificate validSigner = valid.getCertificates().front();
+    const ByteArray validBytes = valid.getAsBytes(), expiredBytes = expired.getAsBytes();
+    const X509Certificate extra = certificateOf(pki.root.get());
+    PKCS7Certificate shared = valid;
+
+    const auto isValidOne = [&](const PKCS7Certificate& copy) {
+        return copy.getCertificates().front() == validSigner;
+    };
+    const auto outcomes = testsupport::runStress(
+        {{"verification",
+          [&] {
+              const PKCS7Certificate copy(shared);
+              const auto results = copy.verifySignature(withIntermediate, trustingRoot, {});
+              ERR_clear_error();
+              return results.getSignatureVerificationStatus() &&
+                     results.getCertificateChainStatus() ==
+                         (isValidOne(copy) ? Status::Valid : Status::Expired);
+          }},
+         {"reads",
+          [&] {
+              const PKCS7Certificate copy(shared);
+              const bool ok =
+                  copy.getSignedData() == content &&
+                  copy.getAsBytes() == (isValidOne(copy) ? validBytes : expiredBytes) &&
+                  copy.getSignerCerts().getCertificates().front() == copy.getCertificates().front();
+              ERR_clear_error();
+              return ok;
+          }},
+         {"additions",
+          [&] {
+              shared.addCertificate(extra);
+              return !shared.empty();
+          }},
+         {"assignment",
+          [&] {
+              shared = expired;
+              PKCS7Certificate taken = valid;
+              shared = std::move(taken);  // exchanges
+              return taken.getNumCertificates() >= 1;
+          }},
+         {"swap",
+          [&, mine = expired]() mutable {
+              mine.swap(shared);
+              return mine.getNumCertificates() >= 1;
+          }}},
+        std::chrono::milliseconds(1500));
+    testsupport::expectHealthy(outcomes);
 }
 
 }  // namespace

@@ -1,10 +1,14 @@
 // One trust store filled, filtered, read and copied by several threads, while OpenSSL verifies
 // through the live store it shares.
+#include "support/Stress.hpp"
+#include "support/TestCertificates.hpp"
 #include "support/TestTrustStores.hpp"
 
+#include <foundation/certificates/CertificateValidation.hpp>
 #include <foundation/certificates/ISystemCertificateAdder.hpp>
 #include <foundation/certificates/TrustStore.hpp>
 #include <foundation/certificates/X509Certificate.hpp>
+#include <foundation/certificates/X509CertificateChain.hpp>
 
 #include <gtest/gtest.h>
 #include <openssl/x509_vfy.h>
@@ -17,6 +21,8 @@
 namespace fc = foundation::certificates;
 using fc::TrustStore;
 using fc::X509Certificate;
+using Options = fc::CertificateValidationOptions;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -84,6 +90,56 @@ TEST(TrustStoreConcurrency, AddReadFilterAndCopyFromManyThreads) {
     store.addSystemCertificates(TrustStore::Usage::SSL, true);
     EXPECT_EQ(store.size(), 1u + kCertificates - kCertificates / 5);
     EXPECT_EQ(failures, 0);
+}
+
+// Validations against a store that other threads import into, copy, reassign and swap: a
+// validation sees the store from before or after each change, and both trust the root.
+TEST(TrustStoreConcurrency, ValidationsDuringImportsAndAssignments) {
+    const auto& pki = testsupport::rsaPKI();
+    const X509Certificate root(pki.root.get()), leaf(pki.leaf.get());
+    const fc::X509CertificateChain chain(testsupport::toPEM(pki.intermediate.get()));
+    const Options strict(Options::AllowSelfSignedCertificate::No,
+                         Options::AllowExpiredCertificate::No, Options::AllowRevokedCertificate::No,
+                         Options::CheckCRL::None, Options::DownloadCRL::No);
+    TrustStore small(nullptr), large(nullptr);
+    small.addCertificate(root);
+    large.addCertificate(root);
+    large.addCertificate(X509Certificate(pki.intermediate.get()));
+    TrustStore shared = small;
+
+    const auto outcomes = testsupport::runStress(
+        {{"validation",
+          [&] {
+              return leaf.validateCertificate(chain, strict, shared).getCertificateChainStatus() ==
+                     fc::CertificateChainStatus::Valid;
+          }},
+         {"reads",
+          [&] {
+              const TrustStore copy(shared);
+              const std::size_t size = copy.size();
+              return (size == 1 || size == 2) && copy.getPEMStrings().size() == size &&
+                     fc::copyOpenSSLStore(shared) != nullptr;
+          }},
+         {"import",
+          [&] {
+              shared.addSystemCertificates(TrustStore::Usage::SSL, true);  // filters only
+              shared.addCertificate(root);
+              return !shared.empty();
+          }},
+         {"assignment",
+          [&] {
+              shared = large;
+              TrustStore taken = small;
+              shared = std::move(taken);  // exchanges
+              return taken.size() == 1 || taken.size() == 2;
+          }},
+         {"swap",
+          [&, mine = large]() mutable {
+              mine.swap(shared);
+              return mine.size() == 1 || mine.size() == 2;
+          }}},
+        1500ms);
+    testsupport::expectHealthy(outcomes);
 }
 
 }  // namespace

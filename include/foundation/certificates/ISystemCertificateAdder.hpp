@@ -31,7 +31,8 @@ class FOUNDATION_CERTIFICATES_EXPORT ISystemCertificateAdder {
     // Adds the platform's certificates trusted for the usage with store.addCertificateDER, one
     // call per certificate. When the store refuses one with TrustStoreException: rethrow it if
     // throwOnFailure is true, otherwise log it and go on. Other exceptions always propagate.
-    // The store is locked for the whole call: do not use its TrustStore from here.
+    // The store is a new one of the call's own; what it holds joins the TrustStore, in one step,
+    // when the call returns. Calls on one adder never overlap.
     virtual void addSystemCertificates(TrustStoreImpl& store, TrustStore::Usage usage,
                                        bool throwOnFailure) = 0;
 

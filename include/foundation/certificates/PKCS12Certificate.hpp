@@ -3,9 +3,13 @@
 // Holds the certificate that belongs to the key, the other certificates as a chain, and the
 // private key's secret as a PrivateKeyInfo. Only what the rest of the library supports opens:
 // RSA keys of at least 1024 bits, P-256 and Ed25519 keys (P-384, P-521 and Ed448 too under
-// KeyAcceptance::Extended), and certificates that load as X509Certificate. Every operation locks
-// the object's own mutex. A moved-from object throws PKCS12CertificateException "Error:
-// PKCS12Certificate is uninitialized." from every operation but destruction, assignment and swap.
+// KeyAcceptance::Extended), and certificates that load as X509Certificate. A moved-from object
+// throws PKCS12CertificateException "Error: PKCS12Certificate is uninitialized." from every
+// operation but destruction, assignment and swap.
+//
+// Thread safety: every operation, assignment and swap included, may run concurrently with any
+// other on the same object; a reader sees the value from before or after an assignment, never a
+// mix. The object is locked only to take a reference to its opened container.
 //
 // Opening a container loads OpenSSL's "legacy" provider into the process-wide default library
 // context, where it stays, so that containers made with 40-bit RC2 or 3DES open too.
@@ -44,11 +48,12 @@ class FOUNDATION_CERTIFICATES_EXPORT PKCS12Certificate {
     PKCS12Certificate(std::istream& input, const std::string& passphrase);
     PKCS12Certificate(const ByteArray& der, const std::string& passphrase);
 
-    // Copies share the parsed container; certificate, chain and key info are copied.
+    // Copies share the opened container, which is never modified.
     PKCS12Certificate(const PKCS12Certificate& other);
     PKCS12Certificate& operator=(const PKCS12Certificate& other);
 
-    // Moving takes no lock: do not move an object that another thread is using.
+    // swap is two assignments, each atomic: a concurrent assignment to one of the two objects
+    // may be overwritten.
     PKCS12Certificate(PKCS12Certificate&& other) noexcept;
     PKCS12Certificate& operator=(PKCS12Certificate&& other) noexcept;
     void swap(PKCS12Certificate& other) noexcept;
@@ -71,7 +76,7 @@ class FOUNDATION_CERTIFICATES_EXPORT PKCS12Certificate {
 
     void print(std::ostream& os) const;
 
-    // Same certificate, chain and key info. Only this object is locked, not the other one.
+    // Same certificate, chain and key info.
     bool operator==(const PKCS12Certificate& other) const;
     bool operator!=(const PKCS12Certificate& other) const;
 
@@ -81,7 +86,7 @@ class FOUNDATION_CERTIFICATES_EXPORT PKCS12Certificate {
   private:
     friend struct detail::FacadeAccess;
 
-    std::unique_ptr<PKCS12CertificateImpl> impl;
+    std::shared_ptr<const PKCS12CertificateImpl> impl;
     mutable std::mutex mutex;
 };
 

@@ -3,10 +3,15 @@
 //
 // The object keeps the parsed structure, which is what it writes out and what the signature
 // operations read, and the list of certificates found in it at load. The two are separate
-// afterwards: addCertificate extends the list, never the structure. Every operation locks the
-// object's own mutex. A moved-from object throws PKCS7CertificateException
-// "Error: PKCS7Certificate is uninitialized." from every accessor; addCertificate brings it back
-// to use.
+// afterwards: addCertificate extends the list, never the structure. A moved-from object throws
+// PKCS7CertificateException "Error: PKCS7Certificate is uninitialized." from every accessor;
+// addCertificate brings it back to use.
+//
+// Thread safety: every operation, assignment and swap included, may run concurrently with any
+// other on the same object; a reader sees the object from before or after a change, never a mix.
+// The object is locked only to take or replace its contents, never for the work. Copies share
+// the parsed structure, and OpenSSL calls on one structure (writing it out, verifying) take
+// turns.
 //
 //   foundation::certificates::PKCS7Certificate bundle(pemOrDerBytes);
 //   for (const auto& certificate : bundle.getCertificates()) std::cout << certificate;
@@ -44,12 +49,13 @@ class FOUNDATION_CERTIFICATES_EXPORT PKCS7Certificate {
     explicit PKCS7Certificate(const std::string& data);
     explicit PKCS7Certificate(const ByteArray& data);
 
-    // Copying locks the source and duplicates its structure. Copying a moved-from object throws
-    // "Error: PKCS7Certificate is uninitialized.".
+    // Copying shares the source's structure and certificates. Copying a moved-from object
+    // throws "Error: PKCS7Certificate is uninitialized.".
     PKCS7Certificate(const PKCS7Certificate& other);
     PKCS7Certificate& operator=(const PKCS7Certificate& other);
 
-    // Moving takes no lock: do not move an object that another thread is using.
+    // swap is two assignments, each atomic: a concurrent assignment to one of the two objects
+    // may be overwritten.
     PKCS7Certificate(PKCS7Certificate&& other) noexcept;
     PKCS7Certificate& operator=(PKCS7Certificate&& other) noexcept;
     void swap(PKCS7Certificate& other) noexcept;
@@ -99,8 +105,7 @@ class FOUNDATION_CERTIFICATES_EXPORT PKCS7Certificate {
 
     void print(std::ostream& os) const;
 
-    // Element-wise equality of the certificate lists; the structures are not compared. The two
-    // objects are locked one after the other, never together.
+    // Element-wise equality of the certificate lists; the structures are not compared.
     bool operator==(const PKCS7Certificate& other) const;
     bool operator!=(const PKCS7Certificate& other) const;
 
@@ -109,7 +114,7 @@ class FOUNDATION_CERTIFICATES_EXPORT PKCS7Certificate {
   private:
     friend struct detail::FacadeAccess;
 
-    std::unique_ptr<PKCS7CertificateImpl> impl;
+    std::shared_ptr<const PKCS7CertificateImpl> impl;
     mutable std::mutex mutex;
 };
 

@@ -4,8 +4,14 @@
 // (addSystemCertificates), and handed to OpenSSL verification or TLS contexts, shared or copied.
 // Failures are TrustStoreException, which is not a CertificateException.
 //
-// Every operation locks the object's own mutex. A moved-from store behaves as an empty one;
-// adding to it starts a fresh store with the default adder.
+// A moved-from store behaves as an empty one; adding to it starts a fresh store with the default
+// adder.
+//
+// Thread safety: every operation, assignment and swap included, may run concurrently with any
+// other on the same object; each addition (a whole import of system certificates included) is
+// one step for the others, who see the certificates from before or after it. No call waits while
+// another thread validates against the store or reads the platform's certificates, except
+// another import or a copy of the same store: those wait for the import's adder to finish.
 //
 //   foundation::certificates::TrustStore roots;
 //   roots.addSystemCertificates(TrustStore::Usage::SSL, false);
@@ -55,7 +61,8 @@ class FOUNDATION_CERTIFICATES_EXPORT TrustStore {
     TrustStore(const TrustStore& other);
     TrustStore& operator=(const TrustStore& other);
 
-    // Moving takes no lock: do not move a store that another thread is using.
+    // swap is two assignments, each atomic: a concurrent assignment to one of the two stores may
+    // be overwritten.
     TrustStore(TrustStore&& other) noexcept;
     TrustStore& operator=(TrustStore&& other) noexcept;
     void swap(TrustStore& other) noexcept;
@@ -90,7 +97,7 @@ class FOUNDATION_CERTIFICATES_EXPORT TrustStore {
   private:
     friend struct detail::FacadeAccess;
 
-    std::unique_ptr<TrustStoreImpl> impl;
+    std::shared_ptr<TrustStoreImpl> impl;
     mutable std::mutex mutex;
 };
 

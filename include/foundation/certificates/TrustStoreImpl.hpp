@@ -1,9 +1,9 @@
 // TrustStoreImpl: the unlocked implementation behind TrustStore.
 //
 // Public because an ISystemCertificateAdder receives one and feeds it with addCertificateDER.
-// Its operations take no TrustStore lock; the TrustStore that owns it holds its own lock
-// around every call. OpenSSL errors raised inside an operation are discarded; errors the
-// caller had queued before stay queued.
+// Every operation is safe to call from several threads at once: each change of the
+// certificates is one step for the others. OpenSSL errors raised inside an operation are
+// discarded; errors the caller had queued before stay queued.
 #pragma once
 
 #include <foundation/certificates/Export.hpp>
@@ -32,8 +32,8 @@ class FOUNDATION_CERTIFICATES_EXPORT TrustStoreImpl {
     TrustStoreImpl();
     // With the given adder, which may be empty (then no system certificates are added).
     explicit TrustStoreImpl(std::unique_ptr<ISystemCertificateAdder> adder);
-    // A new store sharing the other's certificates and CRLs, with a clone of its adder; the
-    // guard proves the caller holds the owning facade's lock.
+    // A new store sharing the other's certificates and CRLs, with a clone of its adder. The
+    // other is read under its own locks; the guard is not needed and is ignored.
     TrustStoreImpl(const TrustStoreImpl& other, const std::lock_guard<std::mutex>&);
     TrustStoreImpl(TrustStoreImpl&& other) noexcept;
     TrustStoreImpl(const TrustStoreImpl&) = delete;
@@ -47,7 +47,9 @@ class FOUNDATION_CERTIFICATES_EXPORT TrustStoreImpl {
     // store already holds is accepted silently.
     void addCertificateX509(X509* certificate);
 
-    // Runs the adder, then removeExpiredAndInvalidCertificatesFor(usage).
+    // Runs the adder on a new store of its own, adds what it added, then
+    // removeExpiredAndInvalidCertificatesFor(usage). Other threads see the certificates from
+    // before the import or after it, and do not wait while the adder runs.
     void addSystemCertificates(TrustStore::Usage usage, bool throwOnFailure);
     // Runs the adder while recording what it hands over, then the same filter.
     TrustImportReport addSystemCertificatesWithReport(TrustStore::Usage usage);
@@ -70,12 +72,24 @@ class FOUNDATION_CERTIFICATES_EXPORT TrustStoreImpl {
     friend struct detail::TrustStoreAccess;
 
     // A read-only copy of the store for verifications, rebuilt only when the store's
-    // certificates have changed since the last one. Call with the owning facade's lock held.
+    // certificates have changed since the last one.
     std::shared_ptr<X509_STORE> verificationStore() const;
+
+    struct CopyTag {};
+    TrustStoreImpl(const TrustStoreImpl& other, CopyTag);
+
+    // These two run with contentMutex held.
+    void addUnlocked(X509* certificate);
+    void removeUnlocked(TrustStore::Usage usage);
 
     std::shared_ptr<X509_STORE> store;
     std::unique_ptr<ISystemCertificateAdder> systemCertificateAdder;
     mutable std::shared_ptr<const detail::StoreSnapshot> verificationSnapshot;
+    // One import at a time, and no clone of the adder during one.
+    mutable std::mutex adderMutex;
+    // Held for every change of the certificates and every read of them (and of the snapshot).
+    // Never held while the adder runs or while another lock than the store's own is taken.
+    mutable std::mutex contentMutex;
 };
 
 }  // namespace foundation::certificates

@@ -1,10 +1,14 @@
 // X509Certificate: one X.509 certificate, loaded from PEM or DER.
 //
 // A value type. Copies share the parsed certificate, which is never modified, so copying is
-// cheap; clone() makes an independent deep copy. Every operation locks the object's own mutex,
-// so one object may be used from several threads. A moved-from object throws
+// cheap; clone() makes an independent deep copy. A moved-from object throws
 // X509CertificateException "Error: X509Certificate is uninitialized." from every operation but
 // destruction, assignment and swap.
+//
+// Thread safety: every operation, assignment and swap included, may run concurrently with any
+// other on the same object; a reader sees the value from before or after an assignment, never a
+// mix. The object is locked only to take a reference to its parsed certificate, never for the
+// work, so no call waits behind another thread's validation.
 //
 //   foundation::certificates::X509Certificate certificate(pemText);
 //   std::cout << certificate.getSubjectName() << '\n' << certificate;
@@ -82,12 +86,13 @@ class FOUNDATION_CERTIFICATES_EXPORT X509Certificate {
     explicit X509Certificate(X509CertificateImpl& impl);
     explicit X509Certificate(X509CertificateImpl&& impl);
 
-    // Copying locks the source and shares its parsed certificate. Copying a moved-from object
-    // throws "Error: X509Certificate is uninitialized.".
+    // Copying shares the source's parsed certificate. Copying a moved-from object throws
+    // "Error: X509Certificate is uninitialized.".
     X509Certificate(const X509Certificate& other);
     X509Certificate& operator=(const X509Certificate& other);
 
-    // Moving takes no lock: do not move an object that another thread is using.
+    // swap is two assignments, each atomic: a concurrent assignment to one of the two objects
+    // may be overwritten.
     X509Certificate(X509Certificate&& other) noexcept;
     X509Certificate& operator=(X509Certificate&& other) noexcept;
     void swap(X509Certificate& other) noexcept;
@@ -170,8 +175,7 @@ class FOUNDATION_CERTIFICATES_EXPORT X509Certificate {
     ByteArray getPublicExponent() const;  // NotRSAKey for elliptic-curve keys
     ByteArray getModulus() const;         // NotRSAKey for elliptic-curve keys
 
-    // Equal SHA-256 fingerprints. The two objects are locked one after the other, never
-    // together, so comparing an object with itself is safe.
+    // Equal SHA-256 fingerprints.
     bool operator==(const X509Certificate& other) const;
     bool operator!=(const X509Certificate& other) const;
 
@@ -182,8 +186,8 @@ class FOUNDATION_CERTIFICATES_EXPORT X509Certificate {
     // intermediates, in issuing order, leaf side first) and the trust store; an empty trust store
     // stands for the platform's trusted certificates. Verification outcomes are in the results;
     // misuse and internal failures throw X509CertificateException, and so do failed revocation
-    // list downloads in DownloadCRL::ThrowOnError mode. Blocks while lists are downloaded; this
-    // object stays locked for the whole call.
+    // list downloads in DownloadCRL::ThrowOnError mode. Blocks while lists are downloaded; other
+    // threads may use this object, the chain and the trust store meanwhile.
     CertificateValidationResults validateCertificate(const X509CertificateChain& chain,
                                                      const CertificateValidationOptions& options,
                                                      const TrustStore& trustStore) const;
@@ -200,7 +204,9 @@ class FOUNDATION_CERTIFICATES_EXPORT X509Certificate {
   private:
     friend struct detail::FacadeAccess;
 
-    std::unique_ptr<X509CertificateImpl> impl;
+    explicit X509Certificate(std::shared_ptr<const X509CertificateImpl> impl) noexcept;
+
+    std::shared_ptr<const X509CertificateImpl> impl;
     mutable std::mutex mutex;
 };
 

@@ -1,9 +1,13 @@
 // X509CertificateChain: an ordered list of certificates, typically untrusted intermediates.
 //
 // Loaded from PEM text holding one or more certificate blocks; kept in the order read or added,
-// never sorted, deduplicated or linked. Every operation locks the object's own mutex. A
-// moved-from chain throws X509CertificateChainException "Error: X509CertificateChain is
-// uninitialized." from every accessor; addCertificate brings it back to use.
+// never sorted, deduplicated or linked. Copies share the certificates. A moved-from chain throws
+// X509CertificateChainException "Error: X509CertificateChain is uninitialized." from every
+// accessor; addCertificate brings it back to use.
+//
+// Thread safety: every operation, assignment and swap included, may run concurrently with any
+// other on the same object; a reader sees the list from before or after a change, never a mix.
+// The object is locked only to take or replace its list, never while a certificate is read.
 #pragma once
 
 #include <foundation/certificates/Export.hpp>
@@ -34,7 +38,8 @@ class FOUNDATION_CERTIFICATES_EXPORT X509CertificateChain {
 
     X509CertificateChain(const X509CertificateChain& other);
     X509CertificateChain& operator=(const X509CertificateChain& other);
-    // Moving takes no lock: do not move a chain that another thread is using.
+    // swap is two assignments, each atomic: a concurrent assignment to one of the two chains may
+    // be overwritten.
     X509CertificateChain(X509CertificateChain&& other) noexcept;
     X509CertificateChain& operator=(X509CertificateChain&& other) noexcept;
     void swap(X509CertificateChain& other) noexcept;
@@ -57,7 +62,7 @@ class FOUNDATION_CERTIFICATES_EXPORT X509CertificateChain {
     // X509CertificateChainException when the chain is empty or every certificate is a CA.
     X509Certificate popLeafCertificate();
 
-    // Element-wise equality; the two chains are locked one after the other.
+    // Element-wise equality.
     bool operator==(const X509CertificateChain& other) const;
     bool operator!=(const X509CertificateChain& other) const;
 
@@ -66,7 +71,7 @@ class FOUNDATION_CERTIFICATES_EXPORT X509CertificateChain {
   private:
     friend struct detail::FacadeAccess;
 
-    std::unique_ptr<X509CertificateChainImpl> impl;
+    std::shared_ptr<const X509CertificateChainImpl> impl;
     mutable std::mutex mutex;
 };
 
