@@ -117,9 +117,24 @@ void TrustStoreImpl::addUnlocked(X509* certificate) {
 
 void TrustStoreImpl::addSystemCertificates(TrustStore::Usage usage, bool throwOnFailure) {
     const detail::ScopedErrorQueueMark errorQueue;
+    TrustStoreImpl imported(nullptr);
+    importThrough(imported, usage, throwOnFailure);
+}
+
+TrustImportReport TrustStoreImpl::addSystemCertificatesWithReport(TrustStore::Usage usage) {
+    const detail::ScopedErrorQueueMark errorQueue;
+    TrustStoreImpl imported(nullptr);
+    detail::TrustImportRecorder recorder(imported, usage);
+    // Certificates that cannot be read are reported, not thrown, so what reaches the adder
+    // with throwOnFailure set is an internal failure, which must not be logged and forgotten.
+    importThrough(imported, usage, true);
+    return recorder.takeReport();
+}
+
+void TrustStoreImpl::importThrough(TrustStoreImpl& imported, TrustStore::Usage usage,
+                                   bool throwOnFailure) {
     // Reading the platform's certificates is slow: it fills a store of its own, which nobody
     // waits for, and the result joins this one in a single step.
-    TrustStoreImpl imported(nullptr);
     std::exception_ptr failure;
     {
         const std::lock_guard<std::mutex> lock(adderMutex);
@@ -143,16 +158,6 @@ void TrustStoreImpl::addSystemCertificates(TrustStore::Usage usage, bool throwOn
     }
     if (failure) std::rethrow_exception(failure);
     removeUnlocked(usage);
-}
-
-TrustImportReport TrustStoreImpl::addSystemCertificatesWithReport(TrustStore::Usage usage) {
-    const detail::ScopedErrorQueueMark errorQueue;
-    detail::TrustImportRecorder recorder(*this, usage);
-    // Certificates that cannot be read are reported, not thrown, so what reaches the adder
-    // with throwOnFailure set is an internal failure, which must not be logged and forgotten.
-    if (systemCertificateAdder) systemCertificateAdder->addSystemCertificates(*this, usage, true);
-    removeExpiredAndInvalidCertificatesFor(usage);
-    return recorder.takeReport();
 }
 
 void TrustStoreImpl::removeExpiredAndInvalidCertificatesFor(TrustStore::Usage usage) {
