@@ -54,7 +54,7 @@ enum class Role { Root, Intermediate, Leaf };
 
 // Valid since an hour ago for a year: made at start-up, nothing expires.
 Owned<X509> makeCertificate(Role role, const std::string& commonName, long serial, EVP_PKEY* key,
-                            X509* issuer, EVP_PKEY* issuerKey) {
+                            X509* issuer, EVP_PKEY* issuerKey, const std::string& listUrl = {}) {
     Owned<X509> certificate(check(X509_new(), "X509_new"));
     X509* x = certificate.get();
     checkOne(X509_set_version(x, X509_VERSION_3), "version");
@@ -90,6 +90,9 @@ Owned<X509> makeCertificate(Role role, const std::string& commonName, long seria
     }
     addExtension(x, signer, NID_subject_key_identifier, "hash");
     addExtension(x, signer, NID_authority_key_identifier, "keyid:always");
+    if (!listUrl.empty()) {
+        addExtension(x, signer, NID_crl_distribution_points, ("URI:" + listUrl).c_str());
+    }
 
     if (X509_sign(x, issuerKey != nullptr ? issuerKey : key, EVP_sha256()) <= 0) fail("signing");
     return certificate;
@@ -108,22 +111,61 @@ Owned<X509> reparsed(const Owned<X509>& built) {
     return Owned<X509>(check(parsed.release(), "d2i_X509"));
 }
 
+// Valid since an hour ago for a week, revoking serial 99, as a loader would have it.
+Owned<X509_CRL> makeList(X509* issuer, EVP_PKEY* issuerKey) {
+    Owned<X509_CRL> list(check(X509_CRL_new(), "X509_CRL_new"));
+    X509_CRL* l = list.get();
+    checkOne(X509_CRL_set_version(l, 1), "version");
+    checkOne(X509_CRL_set_issuer_name(l, X509_get_subject_name(issuer)), "issuer");
+    const auto setTime = [l](long offset, int (*setter)(X509_CRL*, const ASN1_TIME*)) {
+        ASN1_TIME* time = check(X509_gmtime_adj(nullptr, offset), "time");
+        const int set = setter(l, time);
+        ASN1_TIME_free(time);
+        checkOne(set, "list time");
+    };
+    setTime(-3600, X509_CRL_set1_lastUpdate);
+    setTime(7L * 86400, X509_CRL_set1_nextUpdate);
+    X509_REVOKED* entry = check(X509_REVOKED_new(), "X509_REVOKED_new");
+    ASN1_INTEGER* serial = ASN1_INTEGER_new();
+    ASN1_TIME* date = X509_gmtime_adj(nullptr, -60);
+    const bool ok = serial != nullptr && date != nullptr && ASN1_INTEGER_set(serial, 99) == 1 &&
+                    X509_REVOKED_set_serialNumber(entry, serial) == 1 &&
+                    X509_REVOKED_set_revocationDate(entry, date) == 1 &&
+                    X509_CRL_add0_revoked(l, entry) == 1;
+    ASN1_INTEGER_free(serial);
+    ASN1_TIME_free(date);
+    if (!ok) {
+        X509_REVOKED_free(entry);
+        fail("revoked entry");
+    }
+    if (X509_CRL_sign(l, issuerKey, EVP_sha256()) <= 0) fail("signing a list");
+    const ByteArray der = toDER(l);
+    const unsigned char* cursor = der.data();
+    return Owned<X509_CRL>(
+        check(d2i_X509_CRL(nullptr, &cursor, static_cast<long>(der.size())), "d2i_X509_CRL"));
+}
+
 PKI makePKI(bool rsa) {
     PKI pki;
     pki.name = rsa ? "RSA-2048" : "P-256";
+    const std::string lists = std::string("http://crl.bench.test/") + (rsa ? "rsa" : "p256");
+    pki.leafListUrl = lists + "/intermediate.crl";
+    pki.intermediateListUrl = lists + "/root.crl";
     pki.rootKey = makeKey(rsa);
     pki.intermediateKey = makeKey(rsa);
     pki.leafKey = makeKey(rsa);
     pki.root = makeCertificate(Role::Root, "Bench Root " + pki.name, 1, pki.rootKey.get(), nullptr,
                                nullptr);
-    pki.intermediate =
-        makeCertificate(Role::Intermediate, "Bench Intermediate " + pki.name, 2,
-                        pki.intermediateKey.get(), pki.root.get(), pki.rootKey.get());
+    pki.intermediate = makeCertificate(Role::Intermediate, "Bench Intermediate " + pki.name, 2,
+                                       pki.intermediateKey.get(), pki.root.get(), pki.rootKey.get(),
+                                       pki.intermediateListUrl);
     pki.leaf = makeCertificate(Role::Leaf, "Bench Leaf " + pki.name, 3, pki.leafKey.get(),
-                               pki.intermediate.get(), pki.intermediateKey.get());
+                               pki.intermediate.get(), pki.intermediateKey.get(), pki.leafListUrl);
     pki.root = reparsed(pki.root);
     pki.intermediate = reparsed(pki.intermediate);
     pki.leaf = reparsed(pki.leaf);
+    pki.leafList = makeList(pki.intermediate.get(), pki.intermediateKey.get());
+    pki.intermediateList = makeList(pki.root.get(), pki.rootKey.get());
     return pki;
 }
 
@@ -152,6 +194,15 @@ ByteArray toDER(const X509* certificate) {
     unsigned char* data = nullptr;
     const int length = i2d_X509(certificate, &data);
     if (length <= 0) fail("i2d_X509");
+    ByteArray der(data, data + length);
+    OPENSSL_free(data);
+    return der;
+}
+
+ByteArray toDER(const X509_CRL* list) {
+    unsigned char* data = nullptr;
+    const int length = i2d_X509_CRL(list, &data);
+    if (length <= 0) fail("i2d_X509_CRL");
     ByteArray der(data, data + length);
     OPENSSL_free(data);
     return der;

@@ -22,16 +22,24 @@ const std::vector<certinfo::Command>& commands() {
          certinfo::runShow},
         {"verify",
          "verify CERT [--chain FILE] [--trust FILE] [--allow-self-signed] [--allow-expired]\n"
-         "           [--allow-revoked] [--crl none|leaf|chain] [--download "
-         "no|ignore-errors|throw]\n"
+         "           [--allow-revoked] [--crl none|leaf|chain] [--crl LIST-FILE]...\n"
+         "           [--download no|ignore-errors|throw] [--connect-timeout MS]\n"
+         "           [--exchange-timeout MS] [--max-crl-bytes N] [--every-cdp]\n"
          "           [--host NAME] [--ip ADDRESS] [--email ADDRESS] [--at ISO-8601-TIME]\n"
          "           [--purpose any|tls-server|tls-client|code-signing|email-protection|\n"
          "           time-stamping] [--extended-keys]",
          "validate a certificate against a chain and trusted certificates (default: the\n"
-         "      system's), optionally checking revocation lists fetched over HTTP, the leaf's\n"
-         "      names, the chain's purpose and the time to judge it at; --extended-keys\n"
-         "      accepts P-384, P-521 and Ed448 keys too; exit 0 when valid, 1 when not",
+         "      system's), optionally checking revocation lists fetched over HTTP or given as\n"
+         "      files (then offline, leaf only, unless --crl chain / --download say otherwise),\n"
+         "      the leaf's names, the chain's purpose and the time to judge it at; the\n"
+         "      timeouts, size limit and --every-cdp switch to bounded downloads;\n"
+         "      --extended-keys accepts P-384, P-521 and Ed448 keys too; exit 0 when valid, 1\n"
+         "      when not",
          certinfo::runVerify},
+        {"crl", "crl FILE [--issuer CERT]",
+         "print a revocation list (PEM or DER) and its entries; with --issuer, whether that\n"
+         "      certificate's key signed it (exit 1 when not)",
+         certinfo::runCrl},
         {"chain", "chain FILE [--pem]",
          "print every certificate of a PEM chain file (or write the chain back as PEM)",
          certinfo::runChain},
