@@ -34,8 +34,9 @@ class Search {
 
     bool extend(std::vector<X509*>& path) {
         for (const Candidate& issuer : issuersOf(path.back())) {
-            if (++steps > limits.steps || offered >= limits.candidatePaths) return false;
+            if (offered >= limits.candidatePaths) return false;
             if (repeats(path, issuer.certificate)) continue;
+            if (++steps > limits.steps) return false;
             path.push_back(issuer.certificate);
             bool found = false;
             if (issuer.trusted) {
