@@ -159,7 +159,8 @@ PKI makePKI(bool rsa) {
     pki.intermediate = makeCertificate(Role::Intermediate, "Bench Intermediate " + pki.name, 2,
                                        pki.intermediateKey.get(), pki.root.get(), pki.rootKey.get(),
                                        pki.intermediateListUrl);
-    pki.leaf = makeCertificate(Role::Leaf, "Bench Leaf " + pki.name, 3, pki.leafKey.get(),
+    // Its name is its host name, as a TLS server certificate's must be.
+    pki.leaf = makeCertificate(Role::Leaf, "leaf.bench.test", 3, pki.leafKey.get(),
                                pki.intermediate.get(), pki.intermediateKey.get(), pki.leafListUrl);
     pki.root = reparsed(pki.root);
     pki.intermediate = reparsed(pki.intermediate);
