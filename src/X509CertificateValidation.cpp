@@ -337,6 +337,8 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain,
             ValidationAccess::withProfileDefaults(callerOptions, std::chrono::system_clock::now());
     }
     const Options& options = profileOptions ? *profileOptions : callerOptions;
+    // A context that passed on another path points at its anchor stack, so this outlives it.
+    detail::OpenSSLPtr<STACK_OF(X509)> passingAnchor;
     detail::OpenSSLPtr<X509_STORE_CTX> context = newContext();
     const std::shared_ptr<X509_STORE> trusted = trustedStore(trustStore);
 
@@ -411,7 +413,6 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain,
         }
         // The first path's verdict is the answer unless another path passes.
         std::optional<CertificateValidationResults> firstFailure;
-        int failedDepth = 0;
         bool searchOthers = false;
         const std::vector<X509*> firstPath = chainOf(context.get());
         if (accepted) {
@@ -421,8 +422,8 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain,
             }
         } else {
             firstFailure = resultsFor(context.get(), options);
-            failedDepth = X509_STORE_CTX_get_error_depth(context.get());
-            searchOthers = anotherPathMayHelp(X509_STORE_CTX_get_error(context.get()), failedDepth);
+            searchOthers = anotherPathMayHelp(X509_STORE_CTX_get_error(context.get()),
+                                              X509_STORE_CTX_get_error_depth(context.get()));
         }
         if (searchOthers) {
             const X509StackUPtr anchors = makeX509StackUPtr(X509_STORE_get1_all_certs(store));
@@ -433,8 +434,6 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain,
             for (int i = 0; i < sk_X509_num(untrusted.get()); ++i) {
                 given.push_back(sk_X509_value(untrusted.get(), i));
             }
-            // The context that passes keeps pointing at its anchor stack.
-            detail::OpenSSLPtr<STACK_OF(X509)> passingAnchor;
             const auto attempt = [&](const std::vector<X509*>& path) {
                 if (path == firstPath) return false;
                 detail::OpenSSLPtr<X509_STORE_CTX> candidate = newContext();
