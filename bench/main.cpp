@@ -32,6 +32,7 @@ int main(int argc, char** argv) {
         bench::registerCertificateBenchmarks();
         bench::registerStoreBenchmarks();
         bench::registerContainerBenchmarks();
+        bench::registerSignatureCacheBenchmarks();
 
         benchmark::Initialize(&argc, argv);
         if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
