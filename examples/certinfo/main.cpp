@@ -26,11 +26,13 @@ const std::vector<certinfo::Command>& commands() {
          "no|ignore-errors|throw]\n"
          "           [--host NAME] [--ip ADDRESS] [--email ADDRESS] [--at ISO-8601-TIME]\n"
          "           [--purpose any|tls-server|tls-client|code-signing|email-protection|\n"
-         "           time-stamping] [--extended-keys]",
+         "           time-stamping] [--extended-keys] [--repeat N] [--signature-cache ENTRIES]",
          "validate a certificate against a chain and trusted certificates (default: the\n"
          "      system's), optionally checking revocation lists fetched over HTTP, the leaf's\n"
          "      names, the chain's purpose and the time to judge it at; --extended-keys\n"
-         "      accepts P-384, P-521 and Ed448 keys too; exit 0 when valid, 1 when not",
+         "      accepts P-384, P-521 and Ed448 keys too; --repeat validates N times and\n"
+         "      prints the time each took and the signature cache's counts, whose room\n"
+         "      --signature-cache sets (0: off); exit 0 when valid, 1 when not",
          certinfo::runVerify},
         {"chain", "chain FILE [--pem]",
          "print every certificate of a PEM chain file (or write the chain back as PEM)",
