@@ -4,6 +4,7 @@
 #include "ChainSignatureVerification.hpp"
 #include "OpenSSLPtr.hpp"
 #include "support/Pkits.hpp"
+#include "support/Stress.hpp"
 #include "support/TestCRLs.hpp"
 #include "support/TestCertificates.hpp"
 #include "support/TestHttpServers.hpp"
@@ -17,10 +18,8 @@
 #include <openssl/err.h>
 #include <openssl/x509v3.h>
 
-#include <atomic>
 #include <functional>
 #include <ostream>
-#include <thread>
 #include <tuple>
 
 namespace fc = foundation::certificates;
@@ -664,37 +663,34 @@ TEST_F(SignatureCacheTest, EvictsAtCapacityAndKeepsWhatIsInUse) {
     EXPECT_LE(fc::getSignatureCacheStatistics().entries, 16u);
 }
 
+// Validations on several threads share the cache while its capacity keeps changing.
 TEST_F(SignatureCacheTest, ConcurrencyWithCapacityChanges) {
     const Chains& chains = *allChains()[1];
     const LibraryChain sound = libraryObjects(chains.cases[0]);
     const LibraryChain forged = libraryObjects(chains.cases[8]);  // intermediate forged
-    std::atomic<bool> done{false};
-    std::atomic<int> wrong{0};
-    std::thread resizer([&] {
-        const std::size_t capacities[] = {0, 1, 8, kDefaultCapacity};
-        for (std::size_t i = 0; !done; ++i) {
-            fc::setSignatureCacheCapacity(capacities[i % 4]);
-            static_cast<void>(fc::getSignatureCacheStatistics());
-            std::this_thread::yield();
-        }
-    });
-    std::vector<std::thread> validators;
-    for (int t = 0; t < 4; ++t) {
-        validators.emplace_back([&, t] {
-            const LibraryChain& objects = t % 2 == 0 ? sound : forged;
-            const Status expected = t % 2 == 0 ? Status::Valid : Status::InvalidSignature;
-            for (int i = 0; i < 50; ++i) {
-                wrong += objects.leaf
-                             .validateCertificate(objects.chain, options(false, false, false),
-                                                  objects.store)
-                             .getCertificateChainStatus() != expected;
-            }
-        });
-    }
-    for (std::thread& validator : validators) validator.join();
-    done = true;
-    resizer.join();
-    EXPECT_EQ(wrong, 0);
+    const auto validation = [](const LibraryChain& objects, Status expected) {
+        return [&objects, expected] {
+            return objects.leaf
+                       .validateCertificate(objects.chain, options(false, false, false),
+                                            objects.store)
+                       .getCertificateChainStatus() == expected;
+        };
+    };
+    std::size_t resizes = 0;
+    const auto outcomes = testsupport::runStress(
+        {{"sound chain", validation(sound, Status::Valid)},
+         {"sound chain again", validation(sound, Status::Valid)},
+         {"forged intermediate", validation(forged, Status::InvalidSignature)},
+         {"capacity changes",
+          [&resizes] {
+              const std::size_t capacities[] = {0, 1, 8, kDefaultCapacity};
+              const std::size_t capacity = capacities[resizes++ % 4];
+              fc::setSignatureCacheCapacity(capacity);
+              const fc::SignatureCacheStatistics s = fc::getSignatureCacheStatistics();
+              return s.capacity == capacity && s.entries <= capacity;
+          }}},
+        std::chrono::milliseconds(1500));
+    testsupport::expectHealthy(outcomes);
 }
 
 }  // namespace
