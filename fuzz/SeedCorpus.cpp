@@ -4,6 +4,9 @@
 #include "support/TestKeys.hpp"
 #include "support/TestPKCS12.hpp"
 #include "support/TestPKCS7.hpp"
+#include "support/TestTrustBundle.hpp"
+
+#include <openssl/objects.h>
 
 #include <filesystem>
 #include <fstream>
@@ -99,6 +102,13 @@ int main(int argc, char** argv) {
     const fs::path encodings = root / "fuzz_encodings";
     write(encodings, "base64", std::string("TWFuIGlzIGRpc3Rpbmd1aXNoZWQ="));
     write(encodings, "hex", std::string("00abFF10"));
+
+    const fs::path bundles = root / "fuzz_trust_bundle";
+    write(bundles, "roots.pem",
+          "# roots\n" + testsupport::toPEM(rsa.root.get()) + testsupport::toPEM(ec.root.get()));
+    write(bundles, "trusted.pem",
+          testsupport::trustedPEM(rsa.root.get(), {NID_email_protect}, {NID_server_auth}) +
+              testsupport::pemBlock({0x30, 0x03, 0x02, 0x01, 0x01}));
 
     const fs::path names = root / "fuzz_validation_options";
     write(names, "host", std::string("www.example.com."));

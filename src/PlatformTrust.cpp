@@ -1,13 +1,11 @@
 #include "PlatformTrust.hpp"
 
-#include <foundation/certificates/SystemCertificateAdder.hpp>
 #include <foundation/certificates/TrustStore.hpp>
 
 #include "ExceptionLog.hpp"
 #include "StoreSnapshot.hpp"
 #include "TrustStoreAccess.hpp"
-
-#include <sys/stat.h>
+#include "platform/bundle/BundleSecurityPlatform.hpp"
 
 #include <ctime>
 #include <limits>
@@ -19,38 +17,10 @@ namespace foundation::certificates::detail {
 
 namespace {
 
-struct BundleIdentity {
-    std::string path;
-    bool readable = false;
-    dev_t device = 0;
-    ino_t inode = 0;
-    off_t size = 0;
-    timespec modified{};
-
-    bool operator==(const BundleIdentity& other) const {
-        return path == other.path && readable == other.readable && device == other.device &&
-               inode == other.inode && size == other.size &&
-               modified.tv_sec == other.modified.tv_sec &&
-               modified.tv_nsec == other.modified.tv_nsec;
-    }
-};
-
-BundleIdentity identifyBundle() {
-    BundleIdentity identity;
-    identity.path = getSystemCertificatesFile();
-    struct stat status {};
-    if (!identity.path.empty() && stat(identity.path.c_str(), &status) == 0) {
-        identity.readable = true;
-        identity.device = status.st_dev;
-        identity.inode = status.st_ino;
-        identity.size = status.st_size;
-        identity.modified = status.st_mtim;
-    }
-    return identity;
-}
-
 struct PlatformStore {
-    BundleIdentity bundle;
+    // The key is what the sources held, not their file times, which a rewrite within the file
+    // system's timestamp granularity leaves unchanged.
+    std::shared_ptr<const TrustSourceContents> contents;
     std::shared_ptr<X509_STORE> store;
     std::vector<std::string> logRecords;
     std::time_t validUntil = 0;  // the earliest end of validity among the kept certificates
@@ -74,11 +44,12 @@ std::time_t earliestExpiry(X509_STORE* store) {
     return earliest;
 }
 
-std::shared_ptr<const PlatformStore> build(BundleIdentity bundle) {
+std::shared_ptr<const PlatformStore> build(std::shared_ptr<const TrustSourceContents> contents) {
     auto built = std::make_shared<PlatformStore>();
-    built->bundle = std::move(bundle);
+    built->contents = contents;
     const LogRecordCapture capture;
-    TrustStore platform;
+    // Built from exactly the contents of its key.
+    TrustStore platform(makeContentsAdder(std::move(contents)));
     platform.addSystemCertificates(TrustStore::Usage::Signing, false);
     platform.addSystemCertificates(TrustStore::Usage::SSL, false);
     // Nobody else holds this store: it becomes the read-only copy as it is.
@@ -94,16 +65,16 @@ std::shared_ptr<X509_STORE> platformVerificationStore() {
     static std::mutex mutex;
     static std::shared_ptr<const PlatformStore> cached;
 
-    const BundleIdentity bundle = identifyBundle();
+    auto contents = std::make_shared<const TrustSourceContents>(readTrustSources());
     std::shared_ptr<const PlatformStore> current;
     {
         const std::lock_guard<std::mutex> lock(mutex);
         current = cached;
     }
-    if (current && current->bundle == bundle && std::time(nullptr) <= current->validUntil) {
+    if (current && *current->contents == *contents && std::time(nullptr) <= current->validUntil) {
         writeLogRecords(current->logRecords);
     } else {
-        current = build(bundle);
+        current = build(std::move(contents));
         const std::lock_guard<std::mutex> lock(mutex);
         cached = current;
     }

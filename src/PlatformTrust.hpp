@@ -15,10 +15,10 @@ namespace foundation::certificates::detail {
 // A read-only store holding what a default TrustStore holds after
 // addSystemCertificates(Signing, false) and then addSystemCertificates(SSL, false).
 //
-// Reading and parsing the bundle costs far more than a verification, so the store is built once
-// and reused while nothing could make a fresh build differ: the same bundle path (it follows
-// SSL_CERT_FILE at each call), the same file (device, inode, size, modification time), and no
-// certificate in it expired since. The log records written while building are written again at
+// Parsing the trust sources costs far more than a verification, so the store is built once and
+// reused while nothing could make a fresh build differ: the sources are read again at each call
+// (they follow the environment) and must hold exactly the same text, and no certificate kept
+// may have expired since. The log records written while building are written again at
 // every reuse. Never change the returned store: copy it (copyStoreObjects) to add to it.
 std::shared_ptr<X509_STORE> platformVerificationStore();
 

@@ -88,6 +88,12 @@ void TrustStore::addSystemCertificates(Usage usage, bool throwOnFailure) {
     });
 }
 
+TrustImportReport TrustStore::addSystemCertificatesWithReport(Usage usage) {
+    return withNewOrExistingImpl(*this, [usage](TrustStoreImpl& store) {
+        return store.addSystemCertificatesWithReport(usage);
+    });
+}
+
 std::size_t TrustStore::size() const {
     return withImpl(*this, [](const TrustStoreImpl* i) { return i ? i->size() : 0; });
 }

@@ -3,6 +3,7 @@
 #include "OpenSSLErrors.hpp"
 #include "OpenSSLPtr.hpp"
 #include "StoreSnapshot.hpp"
+#include "TrustImportRecorder.hpp"
 
 #include <foundation/certificates/Encodings.hpp>
 #include <foundation/certificates/Exceptions.hpp>
@@ -38,13 +39,6 @@ X509* certificateAt(const STACK_OF(X509_OBJECT) * objects, int index) {
     if (certificate == nullptr)
         throw TrustStoreException("Null X509 certificate found in TrustStore");
     return certificate;
-}
-
-bool hasExpired(const X509* certificate) {
-    int days = 0;
-    int seconds = 0;
-    ASN1_TIME_diff(&days, &seconds, nullptr, X509_get0_notAfter(certificate));
-    return days < 0 || seconds < 0;
 }
 
 std::shared_ptr<X509_STORE> newStore() {
@@ -87,6 +81,10 @@ TrustStoreImpl::~TrustStoreImpl() = default;
 
 void TrustStoreImpl::addCertificateDER(const ByteArray& bytes) {
     const detail::ScopedErrorQueueMark errorQueue;
+    if (detail::TrustImportRecorder* recorder = detail::TrustImportRecorder::activeFor(*this)) {
+        recorder->offer(*this, bytes);
+        return;
+    }
     const unsigned char* cursor = bytes.data();
     const X509UPtr certificate = makeX509UPtr(
         bytes.size() <= LONG_MAX ? d2i_X509(nullptr, &cursor, static_cast<long>(bytes.size()))
@@ -119,9 +117,24 @@ void TrustStoreImpl::addUnlocked(X509* certificate) {
 
 void TrustStoreImpl::addSystemCertificates(TrustStore::Usage usage, bool throwOnFailure) {
     const detail::ScopedErrorQueueMark errorQueue;
+    TrustStoreImpl imported(nullptr);
+    importThrough(imported, usage, throwOnFailure);
+}
+
+TrustImportReport TrustStoreImpl::addSystemCertificatesWithReport(TrustStore::Usage usage) {
+    const detail::ScopedErrorQueueMark errorQueue;
+    TrustStoreImpl imported(nullptr);
+    detail::TrustImportRecorder recorder(imported, usage);
+    // Certificates that cannot be read are reported, not thrown, so what reaches the adder
+    // with throwOnFailure set is an internal failure, which must not be logged and forgotten.
+    importThrough(imported, usage, true);
+    return recorder.takeReport();
+}
+
+void TrustStoreImpl::importThrough(TrustStoreImpl& imported, TrustStore::Usage usage,
+                                   bool throwOnFailure) {
     // Reading the platform's certificates is slow: it fills a store of its own, which nobody
     // waits for, and the result joins this one in a single step.
-    TrustStoreImpl imported(nullptr);
     std::exception_ptr failure;
     {
         const std::lock_guard<std::mutex> lock(adderMutex);
@@ -164,7 +177,7 @@ void TrustStoreImpl::removeUnlocked(TrustStore::Usage usage) {
         X509_OBJECT* object = sk_X509_OBJECT_value(objects, index);
         X509* certificate =
             X509_OBJECT_get_type(object) == X509_LU_X509 ? X509_OBJECT_get0_X509(object) : nullptr;
-        if (certificate == nullptr || hasExpired(certificate) || !isValidFor(certificate, usage)) {
+        if (certificate == nullptr || detail::usageRefusal(certificate, usage)) {
             removed.push_back(object);
         }
     }

@@ -282,13 +282,7 @@ TimePoint X509CertificateImpl::getValidNotAfterTimePoint() const {
 
 std::string X509CertificateImpl::getSHA256Fingerprint() const {
     throwIfEmpty();
-    ByteArray digest(EVP_MAX_MD_SIZE);
-    unsigned int length = 0;
-    if (X509_digest(certificate.get(), EVP_sha256(), digest.data(), &length) != 1 || length != 32) {
-        throw X509CertificateException("Internal error: Unable to compute the SHA256 fingerprint.");
-    }
-    digest.resize(length);
-    return hexEncode(digest);
+    return detail::sha256Fingerprint(certificate.get());
 }
 
 bool X509CertificateImpl::isSelfSigned() const { return getIssuerName() == getSubjectName(); }
@@ -417,5 +411,19 @@ void X509CertificateImpl::print(std::ostream& os) const {
        << ";\n";
     os << std::endl;
 }
+
+namespace detail {
+
+std::string sha256Fingerprint(const X509* certificate) {
+    ByteArray digest(EVP_MAX_MD_SIZE);
+    unsigned int length = 0;
+    if (X509_digest(certificate, EVP_sha256(), digest.data(), &length) != 1 || length != 32) {
+        throw X509CertificateException("Internal error: Unable to compute the SHA256 fingerprint.");
+    }
+    digest.resize(length);
+    return hexEncode(digest);
+}
+
+}  // namespace detail
 
 }  // namespace foundation::certificates

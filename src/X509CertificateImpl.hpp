@@ -130,6 +130,9 @@ namespace detail {
 // certificate or when the stack cannot grow.
 X509StackUPtr shareX509Stack(const std::vector<X509Certificate>& certificates);
 
+// Lower-case hex of the SHA-256 digest of the DER encoding, as getSHA256Fingerprint gives it.
+std::string sha256Fingerprint(const X509* certificate);
+
 }  // namespace detail
 
 }  // namespace foundation::certificates

@@ -1,11 +1,12 @@
 // Which of the platform's certificates are trusted for a usage, driven through a scripted
 // platform: per-domain lists and statuses, per-policy trust results, failing evaluations.
-#include "osx/SecurityPlatform.hpp"
+#include "platform/TrustDecision.hpp"
 #include "support/Expectations.hpp"
 #include "support/TestLogging.hpp"
 #include "support/TestTrustStores.hpp"
 
 #include <foundation/certificates/Exceptions.hpp>
+#include <foundation/certificates/ISystemCertificateAdder.hpp>
 #include <foundation/certificates/TrustStoreImpl.hpp>
 
 #include <gtest/gtest.h>
@@ -171,6 +172,39 @@ TEST(SystemCertificateAdder, RejectedCertificateIsLoggedOrStopsTheImport) {
                      testsupport::kBadDERMessage);
     EXPECT_EQ(throwing.added, (Names{"A", "bad"}));
     EXPECT_EQ(log.records().size(), 1u);
+}
+
+// The platform's decisions as an adder of a store that records its import.
+struct ScriptedAdder final : fc::ISystemCertificateAdder {
+    explicit ScriptedAdder(const osx::SecurityPlatform& platform) : platform(platform) {}
+    fc::ISystemCertificateAdder* clone() const override { return new ScriptedAdder(*this); }
+    void addSystemCertificates(fc::TrustStoreImpl& store, TrustStore::Usage usage,
+                               bool throwOnFailure) override {
+        osx::addTrustedCertificates(platform, store, usage, throwOnFailure);
+    }
+    const osx::SecurityPlatform& platform;
+};
+
+TEST(SystemCertificateAdder, ReportNamesWhatTheTrustSettingsKeptOut) {
+    const testsupport::LogCapture log;
+    ScriptedPlatform platform;
+    platform.lists = {{D::User, {"A", "B"}}, {D::System, {"A", "B", "C", "bad", "C"}}};
+    platform.results[{"A", P::SSL}] = {0, true, osx::kTrustResultDeny};
+    platform.results[{"B", P::SSL}] = {0, true, osx::kTrustResultProceed};
+    fc::TrustStoreImpl store(std::make_unique<ScriptedAdder>(platform));
+    const fc::TrustImportReport report =
+        store.addSystemCertificatesWithReport(TrustStore::Usage::SSL);
+    // B, handed over twice, and C, listed twice, count once each.
+    EXPECT_EQ(report.imported, 2u);
+    EXPECT_EQ(store.size(), 2u);
+    EXPECT_TRUE(report.sources.empty());
+    ASSERT_EQ(report.skipped.size(), 2u);
+    EXPECT_EQ(report.skipped[0].reason, fc::SkippedCertificate::Reason::Unreadable);
+    EXPECT_EQ(report.skipped[1].reason, fc::SkippedCertificate::Reason::Distrusted);
+    EXPECT_EQ(report.skipped[1].subject, "CN=A,O=Foundation Trust Test");
+    EXPECT_EQ(report.skipped[1].detail,
+              "Distrusted by the user's or the administrator's trust settings");
+    EXPECT_TRUE(log.records().empty());
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The system's trusted certificates on a platform without trust settings: the PEM bundle named
-// by SSL_CERT_FILE, or OpenSSL's default certificate file.
+// by SSL_CERT_FILE, or the system's own bundle.
 #include "support/TestLogging.hpp"
+#include "support/TestTrustBundle.hpp"
 #include "support/TestTrustStores.hpp"
 
 #include <foundation/certificates/Exceptions.hpp>
@@ -55,11 +56,7 @@ Ders contentsOf(const TrustStore& store) {
 
 // A CERTIFICATE block of any bytes.
 std::string pemBlock(const ByteArray& der, bool crlf = false) {
-    const fc::BIOUPtr bio = fc::makeBIOUPtr(BIO_new(BIO_s_mem()));
-    PEM_write_bio(bio.get(), "CERTIFICATE", "", der.data(), static_cast<long>(der.size()));
-    char* data = nullptr;
-    const long size = BIO_get_mem_data(bio.get(), &data);
-    std::string block(data, static_cast<std::size_t>(size));
+    std::string block = testsupport::pemBlock(der);
     for (std::size_t at = 0; crlf && (at = block.find('\n', at)) != std::string::npos; at += 2)
         block.insert(at, 1, '\r');
     return block;
@@ -80,6 +77,7 @@ TEST(SystemCertificates, SSLImportHoldsTheBundlesUnexpiredTLSCertificates) {
                                 ("foundation_truststore_" + std::to_string(getpid()) + ".pem"))
                                    .string();
     const testsupport::LogCapture log;
+    const testsupport::ScopedTrustTree noOtherSources;
     for (const std::string& path : {bundle, std::filesystem::temp_directory_path().string()}) {
         setenv("SSL_CERT_FILE", path.c_str(), 1);  // missing, then a folder: nothing to add
         TrustStore store;

@@ -1,7 +1,8 @@
 #include "Commands.hpp"
 
+#include <foundation/certificates/KeyConversions.hpp>
 #include <foundation/certificates/OpenSSLHandles.hpp>
-#include <foundation/certificates/SystemCertificateAdder.hpp>
+#include <foundation/certificates/TrustImportReport.hpp>
 #include <foundation/certificates/TrustStore.hpp>
 
 #include <openssl/pem.h>
@@ -45,7 +46,8 @@ fc::X509UPtr parse(const std::string& pem) {
 }  // namespace
 
 int runRoots(const std::vector<std::string>& words, std::ostream& out) {
-    const Arguments args(words, {}, {"count"});
+    const Arguments args(words, {}, {"count", "extended-keys"});
+    if (args.flag("extended-keys")) fc::setKeyAcceptance(fc::KeyAcceptance::Extended);
     const bool countOnly = args.flag("count");
     args.expectPositionalCount(0, 1);
     const std::string usageName = args.positional().empty() ? "ssl" : args.positional(0, "usage");
@@ -59,14 +61,17 @@ int runRoots(const std::vector<std::string>& words, std::ostream& out) {
     }
 
     fc::TrustStore store;
-    store.addSystemCertificates(usage, false);
+    const fc::TrustImportReport report = store.addSystemCertificatesWithReport(usage);
     const std::vector<std::string> pems = store.getPEMStrings();
 
+    std::string sources;
+    for (const std::string& source : report.sources)
+        sources += (sources.empty() ? "" : ", ") + source;
     std::map<std::string, int> byKeyType;
     int selfSigned = 0;
     if (!countOnly) {
-        out << "Roots trusted for " << usageName << " (from " << fc::getSystemCertificatesFile()
-            << "):\n";
+        out << "Roots trusted for " << usageName << " (from "
+            << (sources.empty() ? "no trust source" : sources) << "):\n";
     }
     for (const std::string& pem : pems) {
         const fc::X509UPtr certificate = parse(pem);
@@ -81,8 +86,30 @@ int runRoots(const std::vector<std::string>& words, std::ostream& out) {
         }
     }
 
+    std::map<fc::SkippedCertificate::Reason, int> byReason;
+    if (!countOnly && !report.skipped.empty()) out << "Skipped:\n";
+    for (const fc::SkippedCertificate& skipped : report.skipped) {
+        ++byReason[skipped.reason];
+        if (countOnly) continue;
+        out << "  " << skipped.reason << "  "
+            << (skipped.subject.empty() ? "(unreadable)" : skipped.subject) << '\n';
+        if (!skipped.sha256Fingerprint.empty()) {
+            out << "      sha256 " << skipped.sha256Fingerprint << '\n';
+        }
+        out << "      " << skipped.detail << '\n';
+    }
+
+    out << report.imported + report.skipped.size() << " certificates found: " << report.imported
+        << " imported, " << report.skipped.size() << " skipped";
+    const char* separator = " (";
+    for (const auto& [reason, count] : byReason) {
+        out << separator << count << ' ' << reason;
+        separator = ", ";
+    }
+    out << (byReason.empty() ? "" : ")") << '\n';
+
     out << pems.size() << " certificates trusted for " << usageName << ": ";
-    const char* separator = "";
+    separator = "";
     for (const auto& [keyType, count] : byKeyType) {
         out << separator << count << ' ' << keyType;
         separator = ", ";

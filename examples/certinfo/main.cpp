@@ -53,8 +53,10 @@ const std::vector<certinfo::Command>& commands() {
          "make an RSA key and a self-signed certificate for it; the key (PEM, or PKCS#12\n"
          "      with --pkcs12) is created readable by its owner only",
          certinfo::runGenerate},
-        {"roots", "roots [ssl|signing] [--count]",
-         "list the system's trusted roots for a usage, with counts", certinfo::runRoots},
+        {"roots", "roots [ssl|signing] [--count] [--extended-keys]",
+         "list the system's trusted roots for a usage, and every root skipped and why;\n"
+         "      --extended-keys accepts P-384, P-521 and Ed448 roots too",
+         certinfo::runRoots},
         {"pkcs12",
          "pkcs12 FILE [--passphrase TEXT | --passphrase-env NAME] [--show-secrets]\n"
          "           [--max-iterations N] [--extended-keys]",

@@ -8,12 +8,13 @@
 #include <foundation/certificates/KeyConversions.hpp>
 #include <foundation/certificates/Logging.hpp>
 #include <foundation/certificates/OpenSSLHandles.hpp>
-#include <foundation/certificates/PKCS7Certificate.hpp>
 #include <foundation/certificates/PKCS12Certificate.hpp>
+#include <foundation/certificates/PKCS7Certificate.hpp>
 #include <foundation/certificates/PrivateKeyInfo.hpp>
 #include <foundation/certificates/PublicKeyInfo.hpp>
 #include <foundation/certificates/SelfSignedCertBuilder.hpp>
 #include <foundation/certificates/SystemCertificateAdder.hpp>
+#include <foundation/certificates/TrustImportReport.hpp>
 #include <foundation/certificates/TrustStore.hpp>
 #include <foundation/certificates/TrustStoreImpl.hpp>
 #include <foundation/certificates/Types.hpp>

@@ -4,8 +4,11 @@
 // It takes the certificates the user and the administrator explicitly trust for the usage,
 // then the system's certificates except those the user or the administrator distrust. Where
 // the platform keeps no per-user or administrator trust settings (Linux and other non-Apple
-// systems), the system's certificates are those of the PEM bundle named by SSL_CERT_FILE, or
-// of OpenSSL's default certificate file when it is not set.
+// systems), the system's certificates are those of the first of these that holds any: the file
+// named by SSL_CERT_FILE, the directories named by SSL_CERT_DIR, the bundle of a known
+// distribution, OpenSSL's default certificate file, then its default directory. A bundle's
+// TRUSTED CERTIFICATE blocks keep their certificates out of usages they are rejected for or not
+// trusted for.
 #pragma once
 
 #include <foundation/certificates/Export.hpp>
@@ -32,12 +35,12 @@ class FOUNDATION_CERTIFICATES_EXPORT SystemCertificateAdder : public ISystemCert
 
 }  // namespace osx
 
-// The certificate bundle the system's certificates are read from: SSL_CERT_FILE when set,
-// otherwise OpenSSL's default certificate file. The file need not exist.
+// SSL_CERT_FILE when set, otherwise OpenSSL's default certificate file. The file need not exist,
+// and the system's certificates may come from elsewhere: see the report of
+// TrustStore::addSystemCertificatesWithReport for the sources actually read.
 FOUNDATION_CERTIFICATES_EXPORT std::string getSystemCertificatesFile();
 
-// OpenSSL's certificate directory: SSL_CERT_DIR when set, otherwise OpenSSL's default. The
-// library itself does not read it.
+// SSL_CERT_DIR when set, otherwise OpenSSL's default certificate directory.
 FOUNDATION_CERTIFICATES_EXPORT std::string getSystemCertificatesFolder();
 
 }  // namespace foundation::certificates

@@ -19,6 +19,7 @@
 #pragma once
 
 #include <foundation/certificates/Export.hpp>
+#include <foundation/certificates/TrustImportReport.hpp>
 
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
@@ -78,6 +79,12 @@ class FOUNDATION_CERTIFICATES_EXPORT TrustStore {
     // and every CRL. With throwOnFailure false, a certificate the store refuses is logged and
     // skipped; with true, its TrustStoreException stops the import.
     void addSystemCertificates(Usage usage, bool throwOnFailure);
+
+    // The same import and filter, with an account of every certificate found instead of log
+    // records: the number added for the usage and each one skipped with its reason. Unlike
+    // addSystemCertificates it also skips certificates whose key X509Certificate refuses. A
+    // certificate that cannot be read is reported, not thrown; only internal failures throw.
+    TrustImportReport addSystemCertificatesWithReport(Usage usage);
 
     // Objects in the store: certificates and any CRLs that other code put there.
     std::size_t size() const;

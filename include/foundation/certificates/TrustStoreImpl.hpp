@@ -51,6 +51,8 @@ class FOUNDATION_CERTIFICATES_EXPORT TrustStoreImpl {
     // removeExpiredAndInvalidCertificatesFor(usage). Other threads see the certificates from
     // before the import or after it, and do not wait while the adder runs.
     void addSystemCertificates(TrustStore::Usage usage, bool throwOnFailure);
+    // The same import, recording what the adder hands over.
+    TrustImportReport addSystemCertificatesWithReport(TrustStore::Usage usage);
     // Removes every CRL and every certificate that has expired or is not valid for the usage.
     void removeExpiredAndInvalidCertificatesFor(TrustStore::Usage usage);
 
@@ -76,6 +78,8 @@ class FOUNDATION_CERTIFICATES_EXPORT TrustStoreImpl {
     struct CopyTag {};
     TrustStoreImpl(const TrustStoreImpl& other, CopyTag);
 
+    // Runs the adder on `imported`, a store of its own, then adds what it added and filters.
+    void importThrough(TrustStoreImpl& imported, TrustStore::Usage usage, bool throwOnFailure);
     // These two run with contentMutex held.
     void addUnlocked(X509* certificate);
     void removeUnlocked(TrustStore::Usage usage);

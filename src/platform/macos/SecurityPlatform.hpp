@@ -1,7 +1,8 @@
-// The platform operations that decide which certificates the system trusts, kept narrow so the
-// decision logic in SystemCertificateAdder.cpp runs unchanged over any implementation: the
-// platform's own trust settings, the PEM bundle of systems without them
-// (BundleSecurityPlatform.cpp), or a scripted substitute in tests.
+// The platform operations that decide which certificates the system trusts, modelled on the
+// macOS trust settings (user, administrator and system domains, per-policy evaluations) and kept
+// narrow so the decision logic (platform/TrustDecision.cpp) runs unchanged over any
+// implementation: the platform's own trust settings, the bundles and directories of systems
+// without them (platform/bundle/), or a scripted substitute in tests.
 #pragma once
 
 #include <foundation/certificates/TrustStore.hpp>
@@ -12,8 +13,6 @@
 #include <vector>
 
 namespace foundation::certificates {
-
-class TrustStoreImpl;
 
 namespace osx {
 
@@ -39,6 +38,13 @@ constexpr int kTrustResultProceed = 1;      // explicitly trusted
 constexpr int kTrustResultDeny = 3;         // explicitly distrusted
 constexpr int kTrustResultUnspecified = 4;  // trusted by default, no explicit setting
 
+// What the system's own settings say of one of its certificates for a usage.
+struct SystemTrust {
+    enum class Verdict { Trusted, Distrusted, NotForUsage };
+    Verdict verdict = Verdict::Trusted;
+    std::string detail;  // why, when not trusted
+};
+
 // One certificate as the platform lists it. Handles are shared: a list and the working sets of
 // one import refer to the same objects.
 class PlatformCertificate {
@@ -48,6 +54,11 @@ class PlatformCertificate {
     virtual ByteArray copyData() const = 0;
     // The platform's equality of two certificates.
     virtual bool equals(const PlatformCertificate& other) const = 0;
+    // The file or directory it was read from, for the import report; empty by default.
+    virtual std::string source() const;
+    // Settings the system keeps with the certificate itself (a bundle's trust and reject
+    // purposes); trusted by default, as a system domain's certificates are.
+    virtual SystemTrust systemTrust(TrustStore::Usage usage) const;
 
   protected:
     PlatformCertificate() = default;
@@ -84,11 +95,6 @@ class SecurityPlatform {
 
 // The platform SystemCertificateAdder uses; lives as long as the process.
 const SecurityPlatform& defaultSecurityPlatform();
-
-// Adds to the store the certificates the platform trusts for the usage: those the user, then
-// the administrator, explicitly trusts, then the system's own except those either distrusts.
-void addTrustedCertificates(const SecurityPlatform& platform, TrustStoreImpl& store,
-                            TrustStore::Usage usage, bool throwOnFailure);
 
 }  // namespace osx
 }  // namespace foundation::certificates

@@ -1,7 +1,7 @@
-#include <foundation/certificates/SystemCertificateAdder.hpp>
+#include "platform/TrustDecision.hpp"
 
 #include "ExceptionLog.hpp"
-#include "osx/SecurityPlatform.hpp"
+#include "TrustImportRecorder.hpp"
 
 #include <foundation/certificates/Exceptions.hpp>
 #include <foundation/certificates/TrustStoreImpl.hpp>
@@ -13,11 +13,26 @@ namespace foundation::certificates::osx {
 PlatformCertificate::~PlatformCertificate() = default;
 SecurityPlatform::~SecurityPlatform() = default;
 
+std::string PlatformCertificate::source() const { return {}; }
+
+SystemTrust PlatformCertificate::systemTrust(TrustStore::Usage) const { return {}; }
+
 namespace {
+
+using Reason = SkippedCertificate::Reason;
 
 enum class Verdict { Trusted, Distrusted, None };
 
 using CertificateList = std::vector<PlatformCertificateRef>;
+
+// A certificate kept out of the store, and why.
+struct KeptOut {
+    PlatformCertificateRef certificate;
+    Reason reason;
+    std::string detail;
+};
+
+using KeptOutList = std::vector<KeptOut>;
 
 std::vector<TrustPolicy> policiesFor(TrustStore::Usage usage) {
     switch (usage) {
@@ -43,15 +58,16 @@ Verdict judge(const SecurityPlatform& platform, const PlatformCertificate& certi
     return Verdict::None;
 }
 
-bool contains(const CertificateList& list, const PlatformCertificate& certificate) {
-    return std::any_of(list.begin(), list.end(), [&certificate](const PlatformCertificateRef& c) {
-        return c->equals(certificate);
+const KeptOut* find(const KeptOutList& list, const PlatformCertificate& certificate) {
+    const auto found = std::find_if(list.begin(), list.end(), [&certificate](const KeptOut& k) {
+        return k.certificate->equals(certificate);
     });
+    return found != list.end() ? &*found : nullptr;
 }
 
 void judgeDomain(const SecurityPlatform& platform, TrustSettingsDomain domain,
                  const std::vector<TrustPolicy>& policies, CertificateList& trusted,
-                 CertificateList& distrusted) {
+                 KeptOutList& distrusted) {
     CertificateList certificates;
     if (platform.copyCertificates(domain, certificates) != 0) return;
     for (const PlatformCertificateRef& certificate : certificates) {
@@ -62,10 +78,42 @@ void judgeDomain(const SecurityPlatform& platform, TrustSettingsDomain domain,
                 trusted.push_back(certificate);
                 break;
             case Verdict::Distrusted:
-                if (!contains(distrusted, *certificate)) distrusted.push_back(certificate);
+                if (find(distrusted, *certificate) == nullptr) {
+                    distrusted.push_back({certificate, Reason::Distrusted,
+                                          "Distrusted by the user's or the administrator's trust "
+                                          "settings"});
+                }
                 break;
             case Verdict::None:
                 break;
+        }
+    }
+}
+
+// The system's certificates are trusted as they are, unless the user or the administrator said
+// otherwise or their own settings keep them out for the usage; such settings hold for every
+// copy of the certificate the system lists.
+void judgeSystem(const SecurityPlatform& platform, TrustStore::Usage usage,
+                 detail::TrustImportRecorder* recorder, CertificateList& trusted,
+                 KeptOutList& distrusted, KeptOutList& keptOut) {
+    CertificateList system;
+    if (platform.copyCertificates(TrustSettingsDomain::System, system) != 0) return;
+    for (const PlatformCertificateRef& certificate : system) {
+        SystemTrust own = certificate->systemTrust(usage);
+        if (own.verdict == SystemTrust::Verdict::Trusted || find(distrusted, *certificate)) {
+            continue;
+        }
+        const Reason reason = own.verdict == SystemTrust::Verdict::Distrusted
+                                  ? Reason::Distrusted
+                                  : Reason::NotValidForUsage;
+        distrusted.push_back({certificate, reason, std::move(own.detail)});
+    }
+    for (const PlatformCertificateRef& certificate : system) {
+        if (recorder != nullptr) recorder->addSource(certificate->source());
+        if (const KeptOut* out = find(distrusted, *certificate)) {
+            keptOut.push_back({certificate, out->reason, out->detail});
+        } else {
+            trusted.push_back(certificate);
         }
     }
 }
@@ -85,36 +133,25 @@ void addToStore(TrustStoreImpl& store, const PlatformCertificate& certificate,
 
 void addTrustedCertificates(const SecurityPlatform& platform, TrustStoreImpl& store,
                             TrustStore::Usage usage, bool throwOnFailure) {
+    detail::TrustImportRecorder* recorder = detail::TrustImportRecorder::activeFor(store);
     const std::vector<TrustPolicy> policies = policiesFor(usage);
     CertificateList trusted;
+    KeptOutList keptOut;
     {
-        CertificateList distrusted;
+        KeptOutList distrusted;
         judgeDomain(platform, TrustSettingsDomain::User, policies, trusted, distrusted);
         judgeDomain(platform, TrustSettingsDomain::Admin, policies, trusted, distrusted);
-
-        // The system's certificates are trusted as they are, unless the user or the
-        // administrator said otherwise.
-        CertificateList system;
-        if (platform.copyCertificates(TrustSettingsDomain::System, system) == 0) {
-            for (const PlatformCertificateRef& certificate : system) {
-                if (!contains(distrusted, *certificate)) trusted.push_back(certificate);
-            }
-        }
+        judgeSystem(platform, usage, recorder, trusted, distrusted, keptOut);
     }
     for (const PlatformCertificateRef& certificate : trusted) {
         addToStore(store, *certificate, throwOnFailure);
     }
-}
-
-SystemCertificateAdder::~SystemCertificateAdder() = default;
-
-ISystemCertificateAdder* SystemCertificateAdder::clone() const {
-    return new SystemCertificateAdder(*this);
-}
-
-void SystemCertificateAdder::addSystemCertificates(TrustStoreImpl& store, TrustStore::Usage usage,
-                                                   bool throwOnFailure) {
-    addTrustedCertificates(defaultSecurityPlatform(), store, usage, throwOnFailure);
+    // After the additions, so that a certificate the user trusts is reported as imported even
+    // where the system's copy of it was kept out.
+    if (recorder == nullptr) return;
+    for (const KeptOut& out : keptOut) {
+        recorder->keptOut(out.certificate->copyData(), out.reason, out.detail);
+    }
 }
 
 }  // namespace foundation::certificates::osx
