@@ -181,8 +181,9 @@ class FOUNDATION_CERTIFICATES_EXPORT PKCS7CertificateValidationResults {
 // digest of the signed certificate and the issuer's public key, and skips verifying them again;
 // the trust anchor's self-signature is one of them. A failed signature is never remembered. The
 // cache cannot change a result: validation checks, reports and forgives exactly what it does
-// with the cache off, only faster. On by default with room for 16,384 signatures (about 100
-// bytes each); shared by all threads, which look it up without waiting for each other.
+// with the cache off, only faster. On by default with room for 16,384 signatures (about 80
+// bytes each). Shared by all threads: concurrent lookups hold a lock only as readers, on one
+// of 16 shards.
 
 struct SignatureCacheStatistics {
     std::uint64_t hits = 0, misses = 0;  // lookups since the process started, while on
