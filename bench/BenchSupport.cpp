@@ -7,6 +7,7 @@
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -46,7 +47,7 @@ void addExtension(X509* certificate, X509* issuer, int nid, const char* value) {
 
 // Valid since an hour ago for a year: made at start-up, nothing expires.
 Owned<X509> makeCertificate(Role role, const std::string& commonName, long serial, EVP_PKEY* key,
-                            X509* issuer, EVP_PKEY* issuerKey) {
+                            X509* issuer, EVP_PKEY* issuerKey, const std::string& listUrl = {}) {
     Owned<X509> certificate(check(X509_new(), "X509_new"));
     X509* x = certificate.get();
     checkOne(X509_set_version(x, X509_VERSION_3), "version");
@@ -82,6 +83,9 @@ Owned<X509> makeCertificate(Role role, const std::string& commonName, long seria
     }
     addExtension(x, signer, NID_subject_key_identifier, "hash");
     addExtension(x, signer, NID_authority_key_identifier, "keyid:always");
+    if (!listUrl.empty()) {
+        addExtension(x, signer, NID_crl_distribution_points, ("URI:" + listUrl).c_str());
+    }
 
     if (X509_sign(x, issuerKey != nullptr ? issuerKey : key, EVP_sha256()) <= 0) fail("signing");
     return certificate;
@@ -98,6 +102,40 @@ Owned<X509> reparsed(const Owned<X509>& built) {
     Owned<X509> parsed(d2i_X509(nullptr, &cursor, length));
     OPENSSL_free(der);
     return Owned<X509>(check(parsed.release(), "d2i_X509"));
+}
+
+// Valid since an hour ago for a week, revoking serial 99, as a loader would have it.
+Owned<X509_CRL> makeList(X509* issuer, EVP_PKEY* issuerKey) {
+    Owned<X509_CRL> list(check(X509_CRL_new(), "X509_CRL_new"));
+    X509_CRL* l = list.get();
+    checkOne(X509_CRL_set_version(l, 1), "version");
+    checkOne(X509_CRL_set_issuer_name(l, X509_get_subject_name(issuer)), "issuer");
+    const auto setTime = [l](long offset, int (*setter)(X509_CRL*, const ASN1_TIME*)) {
+        ASN1_TIME* time = check(X509_gmtime_adj(nullptr, offset), "time");
+        const int set = setter(l, time);
+        ASN1_TIME_free(time);
+        checkOne(set, "list time");
+    };
+    setTime(-3600, X509_CRL_set1_lastUpdate);
+    setTime(7L * 86400, X509_CRL_set1_nextUpdate);
+    X509_REVOKED* entry = check(X509_REVOKED_new(), "X509_REVOKED_new");
+    ASN1_INTEGER* serial = ASN1_INTEGER_new();
+    ASN1_TIME* date = X509_gmtime_adj(nullptr, -60);
+    const bool ok = serial != nullptr && date != nullptr && ASN1_INTEGER_set(serial, 99) == 1 &&
+                    X509_REVOKED_set_serialNumber(entry, serial) == 1 &&
+                    X509_REVOKED_set_revocationDate(entry, date) == 1 &&
+                    X509_CRL_add0_revoked(l, entry) == 1;
+    ASN1_INTEGER_free(serial);
+    ASN1_TIME_free(date);
+    if (!ok) {
+        X509_REVOKED_free(entry);
+        fail("revoked entry");
+    }
+    if (X509_CRL_sign(l, issuerKey, EVP_sha256()) <= 0) fail("signing a list");
+    const ByteArray der = toDER(l);
+    const unsigned char* cursor = der.data();
+    return Owned<X509_CRL>(
+        check(d2i_X509_CRL(nullptr, &cursor, static_cast<long>(der.size())), "d2i_X509_CRL"));
 }
 
 }  // namespace
@@ -117,23 +155,30 @@ PKI makePKI(const std::string& name, const std::string& rootKey, const std::stri
             const std::string& leafKey) {
     PKI pki;
     pki.name = name;
+    std::string lists = "http://crl.bench.test/";
+    for (const char c : name) lists += std::isalnum(static_cast<unsigned char>(c)) ? c : '-';
+    pki.leafListUrl = lists + "/intermediate.crl";
+    pki.intermediateListUrl = lists + "/root.crl";
     pki.rootKey = makeKey(rootKey);
     pki.intermediateKey = makeKey(intermediateKey);
     pki.leafKey = makeKey(leafKey);
     pki.root = makeCertificate(Role::Root, "Bench Root " + pki.name, 1, pki.rootKey.get(), nullptr,
                                nullptr);
-    pki.intermediate =
-        makeCertificate(Role::Intermediate, "Bench Intermediate " + pki.name, 2,
-                        pki.intermediateKey.get(), pki.root.get(), pki.rootKey.get());
+    pki.intermediate = makeCertificate(Role::Intermediate, "Bench Intermediate " + pki.name, 2,
+                                       pki.intermediateKey.get(), pki.root.get(), pki.rootKey.get(),
+                                       pki.intermediateListUrl);
     pki.leaf = makeLeaf(pki, 3);
     pki.root = reparsed(pki.root);
     pki.intermediate = reparsed(pki.intermediate);
+    pki.leafList = makeList(pki.intermediate.get(), pki.intermediateKey.get());
+    pki.intermediateList = makeList(pki.root.get(), pki.rootKey.get());
     return pki;
 }
 
 Owned<X509> makeLeaf(const PKI& pki, long serial) {
     return reparsed(makeCertificate(Role::Leaf, "Bench Leaf " + pki.name, serial, pki.leafKey.get(),
-                                    pki.intermediate.get(), pki.intermediateKey.get()));
+                                    pki.intermediate.get(), pki.intermediateKey.get(),
+                                    pki.leafListUrl));
 }
 
 namespace {
@@ -163,6 +208,15 @@ ByteArray toDER(const X509* certificate) {
     unsigned char* data = nullptr;
     const int length = i2d_X509(certificate, &data);
     if (length <= 0) fail("i2d_X509");
+    ByteArray der(data, data + length);
+    OPENSSL_free(data);
+    return der;
+}
+
+ByteArray toDER(const X509_CRL* list) {
+    unsigned char* data = nullptr;
+    const int length = i2d_X509_CRL(list, &data);
+    if (length <= 0) fail("i2d_X509_CRL");
     ByteArray der(data, data + length);
     OPENSSL_free(data);
     return der;

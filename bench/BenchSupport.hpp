@@ -44,6 +44,7 @@ BENCH_FREE(PKCS7, PKCS7_free)
 BENCH_FREE(X509, X509_free)
 BENCH_FREE(X509_STORE, X509_STORE_free)
 BENCH_FREE(X509_STORE_CTX, X509_STORE_CTX_free)
+BENCH_FREE(X509_CRL, X509_CRL_free)
 #undef BENCH_FREE
 
 template <typename T>
@@ -61,11 +62,18 @@ std::string toPEM(const X509* certificate);
 ByteArray toDER(const X509* certificate);
 
 // A root, an intermediate and a leaf, each with its key. The leaf can sign TLS, code and mail.
+// The leaf and the intermediate name their revocation lists' URLs, which nothing serves; the
+// lists (one unrelated entry each) are made beside them.
 struct PKI {
     std::string name;  // "RSA-2048" or "P-256"
     Owned<EVP_PKEY> rootKey, intermediateKey, leafKey;
     Owned<X509> root, intermediate, leaf;
+    std::string leafListUrl, intermediateListUrl;
+    Owned<X509_CRL> leafList;          // by the intermediate
+    Owned<X509_CRL> intermediateList;  // by the root
 };
+
+ByteArray toDER(const X509_CRL* list);
 
 // The machine's trust bundle (SSL_CERT_FILE, else OpenSSL's default file).
 struct Bundle {
@@ -156,5 +164,6 @@ void registerCertificateBenchmarks();
 void registerStoreBenchmarks();
 void registerContainerBenchmarks();
 void registerSignatureCacheBenchmarks();
+void registerRevocationBenchmarks();
 
 }  // namespace bench

@@ -33,6 +33,7 @@ int main(int argc, char** argv) {
         bench::registerStoreBenchmarks();
         bench::registerContainerBenchmarks();
         bench::registerSignatureCacheBenchmarks();
+        bench::registerRevocationBenchmarks();
 
         benchmark::Initialize(&argc, argv);
         if (benchmark::ReportUnrecognizedArguments(argc, argv)) {

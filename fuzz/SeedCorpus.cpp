@@ -1,5 +1,6 @@
 // Writes starting inputs for the fuzz targets, made at run time by the test helper:
 //   seed_corpus DIR   creates DIR/<target>/<name> files.
+#include "support/TestCRLs.hpp"
 #include "support/TestCertificates.hpp"
 #include "support/TestKeys.hpp"
 #include "support/TestPKCS12.hpp"
@@ -98,6 +99,27 @@ int main(int argc, char** argv) {
     certificatesOnly.certificate = p256.certificate;
     certificatesOnly.caChain = {rsa.root.get()};
     write(pkcs12, "certificates-only", pkcs12Input(certificatesOnly));
+
+    const fs::path lists = root / "fuzz_revocation_list";
+    testsupport::CRLRecipe entries{rsa.intermediate.get(),
+                                   rsa.intermediateKey.get(),
+                                   {{"1002", 1700000000, 1}, {"51", 1600000000}}};
+    write(lists, "entries.der", testsupport::crlToDER(testsupport::makeCRL(entries).get()));
+    testsupport::CRLRecipe open;
+    open.issuer = ec.root.get();
+    open.signingKey = ec.rootKey.get();
+    open.nextUpdateOffset = std::nullopt;
+    write(lists, "no-next-update.pem", testsupport::crlToPEM(testsupport::makeCRL(open).get()));
+
+    // The HTTP target's framing: body limit / 16, piece size, response.
+    const fs::path responses = root / "fuzz_http_response";
+    write(responses, "chunked",
+          std::string("\x10\x03") +
+              "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n4\r\nbody\r\n0\r\n\r\n");
+    write(responses, "content-length",
+          std::string("\x00\x05") + "HTTP/1.0 200 OK\r\nContent-Length: 4\r\n\r\nbody");
+    write(responses, "redirect",
+          std::string("\x01\x00") + "HTTP/1.1 302 Found\r\nLocation: http://x/y\r\n\r\n");
 
     const fs::path encodings = root / "fuzz_encodings";
     write(encodings, "base64", std::string("TWFuIGlzIGRpc3Rpbmd1aXNoZWQ="));

@@ -3,7 +3,8 @@
 # OpenSSL work it replaces, same inputs, same process, with the ratio library/raw and its target.
 #
 #   scripts/bench.sh [FILTER]             every row, or the rows whose id matches the regex FILTER
-#                                         (ids: see --list; "TrustStore_memory" is the memory row)
+#                                         (ids: see --list; "TrustStore_memory" and
+#                                         "CertificateRevocationList_memory" are the memory rows)
 #   scripts/bench.sh --list               the row ids
 #   scripts/bench.sh --lsan [FILTER]      each benchmark briefly under LeakSanitizer (bench-asan)
 #   scripts/bench.sh --callgrind FILTER   callgrind profile of the timed loops of the matching
@@ -35,11 +36,16 @@ memory_selected() {
     [[ -z "$filter" || "TrustStore_memory" =~ $filter ]]
 }
 
+list_memory_selected() {
+    [[ -z "$filter" || "CertificateRevocationList_memory" =~ $filter ]]
+}
+
 case "$mode" in
 list)
     build bench
     ./build/bench/bench/foundation_bench --benchmark_list_tests=true | sed 's,/.*,,' | uniq
     echo TrustStore_memory
+    echo CertificateRevocationList_memory
     ;;
 
 table)
@@ -68,6 +74,11 @@ table)
         ./build/bench/bench/foundation_bench_memory >"$results/memory.json"
         table_args+=(--memory "$results/memory.json")
     fi
+    if list_memory_selected; then
+        echo "Measuring revocation list memory ..." >&2
+        ./build/bench/bench/foundation_bench_list_memory >"$results/list-memory.json"
+        table_args+=(--list-memory "$results/list-memory.json")
+    fi
     python3 scripts/bench_table.py "${table_args[@]}"
     ;;
 
@@ -85,6 +96,10 @@ lsan)
     if memory_selected; then
         ./build/bench-asan/bench/foundation_bench_memory >/dev/null
         echo "foundation_bench_memory: no leaks"
+    fi
+    if list_memory_selected; then
+        ./build/bench-asan/bench/foundation_bench_list_memory 1000 >/dev/null
+        echo "foundation_bench_list_memory: no leaks"
     fi
     ;;
 

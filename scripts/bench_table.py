@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
 """Prints the benchmark table: each library operation beside the raw OpenSSL work it replaces.
 
-    bench_table.py [--bench results.json] [--memory memory.json]
+    bench_table.py [--bench results.json] [--memory memory.json] [--list-memory list.json]
 
 results.json is Google Benchmark's JSON output of foundation_bench with repetitions and
 aggregates; each row is the pair "<id>/raw" and "<id>/lib", and carries its label and target
-ratio. memory.json is the output of foundation_bench_memory. Times are medians of the CPU time
+ratio. memory.json is the output of foundation_bench_memory, list.json that of
+foundation_bench_list_memory. Times are medians of the CPU time
 per iteration; "cv" is the larger coefficient of variation of the two sides.
 """
 
@@ -125,6 +126,31 @@ def memory_rows(path):
     return rows, notes
 
 
+def list_memory_rows(path):
+    with open(path, encoding="utf-8") as handle:
+        memory = json.load(handle)
+    entries = memory["entries"]
+    target = memory["target"]
+    notes = []
+    if memory["raw_entries"] != entries or memory["library_loaded"] != 1:
+        notes.append(f"the raw side read {memory['raw_entries']} of {entries} entries")
+    rows = []
+
+    def row(label, raw, lib, formatter):
+        ratio = lib / raw if raw > 0 else float("inf")
+        met = "yes" if ratio <= target else "no"
+        rows.append([label, formatter(raw), formatter(lib), f"{ratio:.3f}", fmt_target(target),
+                     met, "", ""])
+
+    row(f"CertificateRevocationList memory, heap in use ({entries:,} entries)",
+        memory["heap_raw_bytes"], memory["heap_library_bytes"], format_bytes)
+    base = memory["peak_rss_baseline_kib"]
+    row(f"CertificateRevocationList memory, peak RSS over baseline ({entries:,} entries)",
+        max(memory["peak_rss_raw_kib"] - base, 0) * 1024,
+        max(memory["peak_rss_library_kib"] - base, 0) * 1024, format_bytes)
+    return rows, notes
+
+
 def print_table(rows):
     headers = ["Operation", "raw", "library", "ratio", "target", "met", "cv"]
     widths = [len(h) for h in headers]
@@ -151,6 +177,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--bench")
     parser.add_argument("--memory")
+    parser.add_argument("--list-memory")
     arguments = parser.parse_args()
 
     rows = []
@@ -161,6 +188,10 @@ def main():
         rows += bench
     if arguments.memory:
         memory, memory_notes = memory_rows(arguments.memory)
+        rows += memory
+        notes += memory_notes
+    if arguments.list_memory:
+        memory, memory_notes = list_memory_rows(arguments.list_memory)
         rows += memory
         notes += memory_notes
     if not rows:

@@ -126,6 +126,18 @@ CertificateValidationOptions& CertificateValidationOptions::withPurpose(
     return *this;
 }
 
+CertificateValidationOptions& CertificateValidationOptions::withRevocationLists(
+    std::vector<CertificateRevocationList> lists) {
+    revocationLists = std::move(lists);
+    return *this;
+}
+
+CertificateValidationOptions& CertificateValidationOptions::withRevocationFetch(
+    RevocationFetchSettings settings) {
+    revocationFetch = std::move(settings);
+    return *this;
+}
+
 CertificateRevocationResults::CertificateRevocationResults(RevocationStatus status,
                                                            std::string revocationDate,
                                                            std::string revokedSerialNumber)

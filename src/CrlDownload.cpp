@@ -1,6 +1,7 @@
 #include "CrlDownload.hpp"
 
 #include "Asn1Conversions.hpp"
+#include "CrlMessages.hpp"
 #include "FacadeAccess.hpp"
 #include "X509CertificateImpl.hpp"
 
@@ -54,8 +55,6 @@ class TemporaryFile {
     std::string path_;
 };
 
-const char kInvalidList[] = "CRL Download Error: Invalid Certificate Revocation List\n";
-
 }  // namespace
 
 void handleDownloadError(DownloadMode mode, const std::string& message) {
@@ -104,12 +103,11 @@ std::string readHttpResponse(std::istream& response, DownloadMode mode) {
     response >> version >> status;
     std::getline(response, rest);
     if (!response || version.compare(0, 5, "HTTP/") != 0) {
-        handleDownloadError(mode, "CRL Download Error: Invalid response\n");
+        handleDownloadError(mode, crlmessage::kInvalidResponse);
         return {};
     }
     if (status != 200) {
-        handleDownloadError(mode, "CRL Download Error: Response returned with status code: " +
-                                      std::to_string(status) + "\n");
+        handleDownloadError(mode, crlmessage::kStatusCode + std::to_string(status) + "\n");
         return {};
     }
     std::string header;
@@ -124,8 +122,7 @@ std::string getCrlHttpData(const std::string& host, const std::string& path, Dow
     boost::asio::ip::tcp::iostream stream;
     stream.connect(host, "http");
     if (!stream) {
-        handleDownloadError(
-            mode, "CRL Download Error: Unable to connect: " + stream.error().message() + "\n");
+        handleDownloadError(mode, crlmessage::kUnableToConnect + stream.error().message() + "\n");
         return {};
     }
     stream.expires_after(kExchangeDeadline);
@@ -144,9 +141,7 @@ bool downloadCRL(const X509Certificate& certificate, StoreUPtr& store,
 
     const std::vector<std::string> uris = getCertificateURI(certificate);
     if (uris.empty()) {
-        handleDownloadError(
-            mode,
-            "CRL Download Error: Certificate Revocation List Distribution Points not available\n");
+        handleDownloadError(mode, crlmessage::kNoDistributionPoints);
         return false;
     }
     static const std::regex pattern("http://(.*?)/(.*)");
@@ -155,10 +150,7 @@ bool downloadCRL(const X509Certificate& certificate, StoreUPtr& store,
         return std::regex_match(uri, match, pattern);
     });
     if (candidate == uris.end()) {
-        handleDownloadError(
-            mode,
-            "CRL Download Error: Unable to resolve Certificate Revocation List Distribution "
-            "Points\n");
+        handleDownloadError(mode, crlmessage::kNoUsableDistributionPoint);
         return false;
     }
     const std::string host = match[1].str();
@@ -168,7 +160,7 @@ bool downloadCRL(const X509Certificate& certificate, StoreUPtr& store,
     try {
         const std::string body = getCrlHttpData(host, path, mode);
         if (body.empty()) {
-            handleDownloadError(mode, "CRL Download Error: CRL HTTP data is empty\n");
+            handleDownloadError(mode, crlmessage::kEmptyBody);
             return false;
         }
         // Without a file there is nothing to write to; the read-back below reports it.
@@ -177,39 +169,31 @@ bool downloadCRL(const X509Certificate& certificate, StoreUPtr& store,
             out.write(body.data(), static_cast<std::streamsize>(body.size()));
         }
     } catch (const std::exception& e) {
-        handleDownloadError(
-            mode, std::string(
-                      "CRL Download Error: Unable to get Certificate Revocation List HTTP data. ") +
-                      e.what() + "\n");
+        handleDownloadError(mode, crlmessage::wrapped(e.what()));
         return false;
     }
 
     if (!bio || !file.created() || BIO_read_filename(bio.get(), file.path().c_str()) <= 0) {
-        handleDownloadError(mode, kInvalidList);
+        handleDownloadError(mode, crlmessage::kInvalidList);
         return false;
     }
     X509CRLUPtr crl = makeX509CRLUPtr(d2i_X509_CRL_bio(bio.get(), nullptr));
     if (!crl) {
         // HTML, PEM or a truncated body: no list to verify.
-        handleDownloadError(mode, kInvalidList);
+        handleDownloadError(mode, crlmessage::kInvalidList);
         return false;
     }
     if (X509_CRL_verify(crl.get(), issuerKey.get()) != 1) {
-        handleDownloadError(mode,
-                            "CRL Verification Error: Failed to verify the Certificate Revocation "
-                            "List signature\n");
+        handleDownloadError(mode, crlmessage::kBadSignature);
         return false;
     }
     const ASN1_TIME* nextUpdate = X509_CRL_get0_nextUpdate(crl.get());
     if (nextUpdate == nullptr) {
-        handleDownloadError(mode,
-                            "CRL Verification Error: Failed to retrieve the next update date from "
-                            "the Certificate Revocation List\n");
+        handleDownloadError(mode, crlmessage::kNoNextUpdate);
         return false;
     }
     if (now >= asn1TimeToTimePoint(nextUpdate)) {
-        handleDownloadError(mode,
-                            "CRL Verification Error: Certificate Revocation List has expired\n");
+        handleDownloadError(mode, crlmessage::kExpired);
         return false;
     }
     const bool added = X509_STORE_add_crl(store.get(), crl.get()) == 1;

@@ -19,6 +19,12 @@ struct ValidationAccess {
     }
     static Options::CheckCRL checkCRL(const Options& o) { return o.checkCRL; }
     static Options::DownloadCRL downloadCRL(const Options& o) { return o.downloadCRL; }
+    static const std::vector<CertificateRevocationList>& revocationLists(const Options& o) {
+        return o.revocationLists;
+    }
+    static const std::optional<RevocationFetchSettings>& revocationFetch(const Options& o) {
+        return o.revocationFetch;
+    }
 
     static const std::optional<std::chrono::system_clock::time_point>& validationTime(
         const Options& o) {

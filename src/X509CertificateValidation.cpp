@@ -6,6 +6,7 @@
 #include "OpenSSLPtr.hpp"
 #include "PlatformTrust.hpp"
 #include "RevocationChecking.hpp"
+#include "RevocationListAccess.hpp"
 #include "StoreSnapshot.hpp"
 #include "ValidationAccess.hpp"
 #include "X509CertificateImpl.hpp"
@@ -179,6 +180,20 @@ std::shared_ptr<X509_STORE> trustedStore(const TrustStore& trustStore) {
     }
 }
 
+// The lists by reference, for the verification context; null when there are none.
+detail::OpenSSLPtr<STACK_OF(X509_CRL)> crlStack(
+    const std::vector<CertificateRevocationList>& lists) {
+    if (lists.empty()) return nullptr;
+    detail::OpenSSLPtr<STACK_OF(X509_CRL)> stack(sk_X509_CRL_new_null());
+    for (const CertificateRevocationList& list : lists) {
+        if (!stack ||
+            sk_X509_CRL_push(stack.get(), detail::RevocationListAccess::shared(list)) <= 0) {
+            throw X509CertificateException("Internal error: Unable to allocate a stack.");
+        }
+    }
+    return stack;
+}
+
 int openSSLPurpose(CertificatePurpose purpose) {
     switch (purpose) {
         case CertificatePurpose::TLSServer:
@@ -247,23 +262,38 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const O
     }
     const X509StackUPtr untrusted = detail::shareX509Stack(workingList);
 
+    // Lists are judged at the validation's time.
+    const TimePoint now = std::chrono::time_point_cast<std::chrono::microseconds>(
+        ValidationAccess::validationTime(options).value_or(std::chrono::system_clock::now()));
+    const Options::DownloadCRL download = ValidationAccess::downloadCRL(options);
+    const std::vector<CertificateRevocationList>& supplied =
+        ValidationAccess::revocationLists(options);
+    const std::optional<RevocationFetchSettings>& fetch =
+        ValidationAccess::revocationFetch(options);
+
     // Downloaded lists go into a private copy; without downloads the shared store is only read.
     X509_STORE* store = trusted.get();
     detail::StoreUPtr withLists(nullptr, X509_STORE_free);
     std::vector<X509CRLUPtr> crls;
+    // With the caller's lists or fetch settings, the lists go to the verification context
+    // instead, and the shared store is only read.
+    const bool listsForContext =
+        !supplied.empty() || (fetch.has_value() && download != Options::DownloadCRL::No);
+    std::vector<CertificateRevocationList> contextLists;
     bool crlsObtained = false;
-    if (ValidationAccess::downloadCRL(options) != Options::DownloadCRL::No) {
-        const TimePoint now = std::chrono::time_point_cast<std::chrono::microseconds>(
-            ValidationAccess::validationTime(options).value_or(std::chrono::system_clock::now()));
+    if (listsForContext) {
+        crlsObtained = detail::gatherRevocationLists(download, ValidationAccess::checkCRL(options),
+                                                     {supplied, fetch}, workingList, trusted.get(),
+                                                     now, contextLists);
+    } else if (download != Options::DownloadCRL::No) {
         try {
             withLists.reset(detail::copyStoreObjects(trusted.get()).release());
         } catch (const TrustStoreException& e) {
             throw X509CertificateException(std::string("Internal error:") + e.what());
         }
         store = withLists.get();
-        crlsObtained = detail::downloadCRLs(ValidationAccess::downloadCRL(options),
-                                            ValidationAccess::checkCRL(options), crls, workingList,
-                                            withLists, chain, trustStore, now);
+        crlsObtained = detail::downloadCRLs(download, ValidationAccess::checkCRL(options), crls,
+                                            workingList, withLists, chain, trustStore, now);
     }
 
     unsigned long flags = kAlwaysFlags;
@@ -279,6 +309,8 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const O
     // Flags and callback go on the context, not on the store: the store may be shared. The
     // context starts from the store's (default) parameters, so the effect is the same.
     X509_STORE_CTX_init(context.get(), store, certificate.get(), untrusted.get());
+    const detail::OpenSSLPtr<STACK_OF(X509_CRL)> contextCrls = crlStack(contextLists);
+    if (contextCrls) X509_STORE_CTX_set0_crls(context.get(), contextCrls.get());
     if (X509_VERIFY_PARAM_set_flags(X509_STORE_CTX_get0_param(context.get()), flags) == 0) {
         throw X509CertificateException("Failed to set the flags to X509 parameters");
     }
@@ -306,7 +338,8 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const O
     if (X509_STORE_CTX_get_error(context.get()) == X509_V_ERR_CERT_REVOKED &&
         ValidationAccess::checkCRL(options) != Options::CheckCRL::None) {
         results.setCertificateRevocationResults(
-            detail::certificateRevocationDetails(crls, workingList));
+            listsForContext ? detail::revocationDetailsFromLists(contextLists, workingList)
+                            : detail::certificateRevocationDetails(crls, workingList));
     }
     return {std::nullopt, results};
 }

@@ -405,6 +405,103 @@ TEST(ValidationConcurrency, ValidationsShareAStoreAndACertificate) {
     EXPECT_EQ(wrong, 0);
 }
 
+// The caller's own lists of ValidationPKI's certificates, made once.
+struct SuppliedLists {
+    const ValidationPKI& p = pki();
+    X509* intermediate = p.intermediateX509.get();
+    fc::CertificateRevocationList leaf =
+        list({intermediate, p.base.intermediateKey.get(), {{"1002", 1700000000}}});
+    fc::CertificateRevocationList stale =
+        list({intermediate, p.base.intermediateKey.get(), {}, -7200, -60});
+    fc::CertificateRevocationList forged = list({intermediate, p.base.rootKey.get(), {}});
+    fc::CertificateRevocationList ofIntermediates =
+        list({p.base.root.get(), p.base.rootKey.get(), {}});
+
+    static fc::CertificateRevocationList list(const testsupport::CRLRecipe& recipe) {
+        return fc::CertificateRevocationList(
+            testsupport::crlToDER(testsupport::makeCRL(recipe).get()));
+    }
+};
+
+const SuppliedLists& supplied() {
+    static const SuppliedLists instance;
+    return instance;
+}
+
+Options withLists(Options options, std::vector<fc::CertificateRevocationList> lists) {
+    options.withRevocationLists(std::move(lists));
+    return options;
+}
+
+// Offline: the caller's lists switch checking on without any download, and OpenSSL judges them.
+TEST(Validation, SuppliedListsOffline) {
+    const ValidationPKI& p = pki();
+    const SuppliedLists& l = supplied();
+    const std::string unableToGetCRL = "unable to get certificate CRL";
+    const std::string atIntermediate =
+        "Errors present: Error code 3  at depth 1Certificate Subject Name=CN=Intermediate,O="
+        "Foundation Test\n. \nMessage:" +
+        unableToGetCRL + "\n";
+    using Lists = std::vector<fc::CertificateRevocationList>;
+    const std::vector<std::tuple<const X509Certificate*, Options, Lists, Status, std::string>>
+        cases{{&p.revoked,
+               crl(Check::LeafOnly, Download::No),
+               {l.leaf},
+               Status::Revoked,
+               errorText(23, "revoked", "certificate revoked")},
+              {&p.leaf, crl(Check::LeafOnly, Download::No), {l.leaf}, Status::Valid, ""},
+              {&p.leaf,
+               crl(Check::FullChain, Download::No),
+               {l.leaf, l.ofIntermediates},
+               Status::Valid,
+               ""},
+              // A level without a list fails the check.
+              {&p.leaf,
+               crl(Check::FullChain, Download::No),
+               {l.leaf},
+               Status::CRLError,
+               atIntermediate},
+              {&p.leaf,
+               crl(Check::LeafOnly, Download::No),
+               {l.ofIntermediates},
+               Status::CRLError,
+               errorText(3, "good", unableToGetCRL)},
+              {&p.leaf,
+               crl(Check::LeafOnly, Download::No),
+               {l.stale},
+               Status::CRLError,
+               errorText(12, "good", "CRL has expired")},
+              {&p.leaf,
+               crl(Check::LeafOnly, Download::No),
+               {l.forged},
+               Status::CRLError,
+               errorText(8, "good", "CRL signature failure")},
+              // Lists change nothing where revocation is not checked.
+              {&p.revoked,
+               options(false, false, true, Check::LeafOnly, Download::No),
+               {l.leaf},
+               Status::Valid,
+               ""},
+              {&p.revoked, crl(Check::None, Download::No), {l.leaf}, Status::Valid, ""}};
+    for (const auto& [certificate, opts, lists, status, text] : cases) {
+        SCOPED_TRACE(certificate->getSubjectName() + " with " + std::to_string(lists.size()));
+        const auto results =
+            certificate->validateCertificate(p.chain, withLists(opts, lists), p.trusted);
+        EXPECT_EQ(results.getCertificateChainStatus(), status);
+        EXPECT_EQ(results.getValidationErrorString(), text);
+        const auto revocation = results.getCertificateRevocationResults();
+        EXPECT_EQ(revocation.getRevocationDateString(),
+                  status == Status::Revoked ? "Nov 14 22:13:20 2023 GMT" : "");
+        EXPECT_EQ(revocation.getRevokedSerialNumberString(),
+                  status == Status::Revoked ? "4098" : "");
+    }
+    // The caller's lists and store are only read.
+    EXPECT_EQ(l.leaf, SuppliedLists::list({p.intermediateX509.get(),
+                                           p.base.intermediateKey.get(),
+                                           {{"1002", 1700000000}}}));
+    EXPECT_EQ(p.trusted.size(), 1u);
+}
+
 class RevocationTest : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
@@ -473,6 +570,30 @@ TEST_F(RevocationTest, CheckingAndDownloading) {
         }
     }
     EXPECT_EQ(p.trusted.size(), 1u);  // the caller's trust store never receives a list
+}
+
+// A level whose list the caller supplied is not downloaded; the others are, as always. With
+// lists of the caller's, checking stays on when a download fails.
+TEST_F(RevocationTest, SuppliedListsSpareDownloads) {
+    const ValidationPKI& p = pki();
+    const SuppliedLists& l = supplied();
+    using Paths = std::vector<std::string>;
+    const std::vector<
+        std::tuple<const X509Certificate*, const X509CertificateChain*, Options, Paths, Status>>
+        cases{{&p.revoked, &p.chain, crl(Check::LeafOnly, Download::ThrowOnError), Paths{},
+               Status::Revoked},
+              {&p.leaf, &p.chain, crl(Check::FullChain, Download::ThrowOnError),
+               Paths{"/intermediate.crl"}, Status::Valid},
+              {&p.leaf, &p.unfetchable, crl(Check::FullChain, Download::IgnoreErrors),
+               Paths{"/missing.crl"}, Status::CRLError}};
+    for (const auto& [certificate, chain, opts, requests, status] : cases) {
+        const std::size_t before = server->requestedPaths().size();
+        EXPECT_EQ(certificate->validateCertificate(*chain, withLists(opts, {l.leaf}), p.trusted)
+                      .getCertificateChainStatus(),
+                  status);
+        const auto all = server->requestedPaths();
+        EXPECT_EQ(Paths(all.begin() + static_cast<long>(before), all.end()), requests);
+    }
 }
 
 // ThrowOnError throws; IgnoreErrors goes on without revocation checking.

@@ -30,8 +30,8 @@ using CertificateFamily =
     ::testing::Types<fc::CertificateException, fc::InvalidArgument, fc::NotImplemented,
                      fc::X509CertificateException, fc::X509CertificateChainException,
                      fc::PKCS7CertificateException, fc::PKCS12CertificateException,
-                     fc::IncorrectPassphrase, fc::NotRSAKey, fc::NotECCKey, fc::UnsupportedKeyType,
-                     fc::UnsupportedEllipticCurve>;
+                     fc::CertificateRevocationListException, fc::IncorrectPassphrase, fc::NotRSAKey,
+                     fc::NotECCKey, fc::UnsupportedKeyType, fc::UnsupportedEllipticCurve>;
 struct TypeNames {
     template <typename T>
     static std::string GetName(int index) {
@@ -79,6 +79,9 @@ TEST(ExportedTypes, LibraryThrowsAreCaughtByTheirBases) {
         fc::makeEVP_PKEYUPtr(EVP_PKEY_Q_keygen(nullptr, nullptr, "X25519"));
     ASSERT_TRUE(x25519);
     EXPECT_TRUE(catchesAs<fc::UnsupportedKeyType>([&] { fc::getKeyType(x25519.get()); }));
+
+    EXPECT_TRUE(catchesAs<fc::CertificateRevocationListException>(
+        [] { fc::CertificateRevocationList(std::string("not a list")); }));
 }
 
 }  // namespace

@@ -51,6 +51,20 @@ class Arguments {
     std::map<std::string, std::vector<std::string>> values_;
 };
 
+// The option's value as a number; UsageError when it is not one in range.
+template <typename Number>
+std::optional<Number> numberOption(const Arguments& args, const std::string& name) {
+    const std::optional<std::string> text = args.value(name);
+    if (!text) return std::nullopt;
+    Number number{};
+    const char* end = text->data() + text->size();
+    const auto [stop, error] = std::from_chars(text->data(), end, number);
+    if (error != std::errc() || stop != end || text->empty()) {
+        throw UsageError("--" + name + " needs a number in range, not '" + *text + "'");
+    }
+    return number;
+}
+
 // Whole file (or standard input for "-") as bytes.
 std::string readInput(const std::string& path);
 

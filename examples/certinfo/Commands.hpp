@@ -41,6 +41,7 @@ int runChain(const std::vector<std::string>& words, std::ostream& out);
 int runPKCS7(const std::vector<std::string>& words, std::ostream& out);
 int runPKCS12(const std::vector<std::string>& words, std::ostream& out);
 int runVerify(const std::vector<std::string>& words, std::ostream& out);
+int runCrl(const std::vector<std::string>& words, std::ostream& out);
 
 // The library's summary of a certificate plus its serial number, dates and key.
 void describeCertificate(const foundation::certificates::X509Certificate& certificate,

@@ -1,5 +1,6 @@
 #include "Commands.hpp"
 
+#include <foundation/certificates/CertificateRevocationList.hpp>
 #include <foundation/certificates/CertificateValidation.hpp>
 #include <foundation/certificates/Exceptions.hpp>
 #include <foundation/certificates/KeyConversions.hpp>
@@ -9,6 +10,7 @@
 #include <chrono>
 #include <cstdio>
 #include <ctime>
+#include <optional>
 #include <ostream>
 
 namespace certinfo {
@@ -18,11 +20,42 @@ using Options = fc::CertificateValidationOptions;
 
 namespace {
 
-Options::CheckCRL checkFrom(const std::string& text) {
+std::optional<Options::CheckCRL> checkFrom(const std::string& text) {
     if (text == "none") return Options::CheckCRL::None;
     if (text == "leaf") return Options::CheckCRL::LeafOnly;
     if (text == "chain") return Options::CheckCRL::FullChain;
-    throw UsageError("--crl takes none, leaf or chain");
+    return std::nullopt;
+}
+
+// --crl names a level or, for anything else, a list file ("./leaf" for a file named leaf).
+struct RevocationArguments {
+    std::optional<Options::CheckCRL> check;
+    std::vector<fc::CertificateRevocationList> lists;
+};
+
+RevocationArguments revocationFrom(const Arguments& args) {
+    RevocationArguments revocation;
+    for (const std::string& value : args.values("crl")) {
+        if (const auto check = checkFrom(value)) {
+            revocation.check = check;
+        } else {
+            revocation.lists.emplace_back(readInput(value));
+        }
+    }
+    return revocation;
+}
+
+std::optional<fc::RevocationFetchSettings> fetchSettingsFrom(const Arguments& args) {
+    const auto connect = numberOption<unsigned long>(args, "connect-timeout");
+    const auto exchange = numberOption<unsigned long>(args, "exchange-timeout");
+    const auto maxBytes = numberOption<std::size_t>(args, "max-crl-bytes");
+    if (!connect && !exchange && !maxBytes && !args.flag("every-cdp")) return std::nullopt;
+    fc::RevocationFetchSettings settings;
+    if (connect) settings.connectTimeout = std::chrono::milliseconds(*connect);
+    if (exchange) settings.exchangeTimeout = std::chrono::milliseconds(*exchange);
+    if (maxBytes) settings.maxResponseBytes = *maxBytes;
+    settings.tryEveryDistributionPoint = args.flag("every-cdp");
+    return settings;
 }
 
 Options::DownloadCRL downloadFrom(const std::string& text) {
@@ -177,10 +210,11 @@ bool describeValidation(const fc::CertificateValidationResults& results, std::os
 }
 
 int runVerify(const std::vector<std::string>& words, std::ostream& out) {
-    const Arguments args(words,
-                         {"chain", "trust", "crl", "download", "host", "ip", "email", "at",
-                          "purpose", "repeat", "signature-cache"},
-                         {"allow-self-signed", "allow-expired", "allow-revoked", "extended-keys"});
+    const Arguments args(
+        words,
+        {"chain", "trust", "crl", "download", "connect-timeout", "exchange-timeout",
+         "max-crl-bytes", "host", "ip", "email", "at", "purpose", "repeat", "signature-cache"},
+        {"allow-self-signed", "allow-expired", "allow-revoked", "every-cdp", "extended-keys"});
     args.expectPositionalCount(1, 1);
     applyKeyAcceptance(args);  // before anything is loaded: it decides what loads
     const std::string data = readInput(args.positional(0, "certificate file"));
@@ -191,15 +225,23 @@ int runVerify(const std::vector<std::string>& words, std::ostream& out) {
 
     const fc::TrustStore trustStore = trustStoreFrom(args.value("trust"), out);
 
-    Options options(
-        args.flag("allow-self-signed") ? Options::AllowSelfSignedCertificate::Yes
-                                       : Options::AllowSelfSignedCertificate::No,
-        args.flag("allow-expired") ? Options::AllowExpiredCertificate::Yes
-                                   : Options::AllowExpiredCertificate::No,
-        args.flag("allow-revoked") ? Options::AllowRevokedCertificate::Yes
-                                   : Options::AllowRevokedCertificate::No,
-        checkFrom(args.value("crl").value_or("none")),
-        downloadFrom(args.value("download").value_or(args.value("crl") ? "ignore-errors" : "no")));
+    RevocationArguments revocation = revocationFrom(args);
+    const bool files = !revocation.lists.empty();
+    const Options::CheckCRL check =
+        revocation.check.value_or(files ? Options::CheckCRL::LeafOnly : Options::CheckCRL::None);
+    const std::string defaultDownload = !files && revocation.check ? "ignore-errors" : "no";
+    Options options(args.flag("allow-self-signed") ? Options::AllowSelfSignedCertificate::Yes
+                                                   : Options::AllowSelfSignedCertificate::No,
+                    args.flag("allow-expired") ? Options::AllowExpiredCertificate::Yes
+                                               : Options::AllowExpiredCertificate::No,
+                    args.flag("allow-revoked") ? Options::AllowRevokedCertificate::Yes
+                                               : Options::AllowRevokedCertificate::No,
+                    check, downloadFrom(args.value("download").value_or(defaultDownload)));
+    if (files) {
+        out << "Revocation lists given: " << revocation.lists.size() << '\n';
+        options.withRevocationLists(std::move(revocation.lists));
+    }
+    if (auto settings = fetchSettingsFrom(args)) options.withRevocationFetch(std::move(*settings));
     addRequirements(args, options);
 
     if (const auto entries = args.number<std::size_t>("signature-cache")) {

@@ -22,18 +22,31 @@ const std::vector<certinfo::Command>& commands() {
          certinfo::runShow},
         {"verify",
          "verify CERT [--chain FILE] [--trust FILE] [--allow-self-signed] [--allow-expired]\n"
-         "           [--allow-revoked] [--crl none|leaf|chain] [--download "
-         "no|ignore-errors|throw]\n"
+         "           [--allow-revoked] [--crl none|leaf|chain] [--crl LIST-FILE]...\n"
+         "           [--download no|ignore-errors|throw] [--connect-timeout MS]\n"
+         "           [--exchange-timeout MS] [--max-crl-bytes N] [--every-cdp]\n"
          "           [--host NAME] [--ip ADDRESS] [--email ADDRESS] [--at ISO-8601-TIME]\n"
          "           [--purpose any|tls-server|tls-client|code-signing|email-protection|\n"
          "           time-stamping] [--extended-keys] [--repeat N] [--signature-cache ENTRIES]",
          "validate a certificate against a chain and trusted certificates (default: the\n"
-         "      system's), optionally checking revocation lists fetched over HTTP, the leaf's\n"
-         "      names, the chain's purpose and the time to judge it at; --extended-keys\n"
-         "      accepts P-384, P-521 and Ed448 keys too; --repeat validates N times and\n"
-         "      prints the time each took and the signature cache's counts, whose room\n"
-         "      --signature-cache sets (0: off); exit 0 when valid, 1 when not",
+         "      system's), optionally checking revocation lists fetched over HTTP or given as
+         "
+         "      files (then offline, leaf only, unless --crl chain / --download say otherwise),
+         "
+         "      the leaf's names, the chain's purpose and the time to judge it at; the
+         "
+         "      timeouts, size limit and --every-cdp switch to bounded downloads;
+         "
+         "      --extended-keys accepts P-384, P-521 and Ed448 keys too; --repeat validates N
+         "
+         "      times and prints the time each took and the signature cache's counts, whose
+         "
+         "      room --signature-cache sets (0: off); exit 0 when valid, 1 when not",
          certinfo::runVerify},
+        {"crl", "crl FILE [--issuer CERT]",
+         "print a revocation list (PEM or DER) and its entries; with --issuer, whether that\n"
+         "      certificate's key signed it (exit 1 when not)",
+         certinfo::runCrl},
         {"chain", "chain FILE [--pem]",
          "print every certificate of a PEM chain file (or write the chain back as PEM)",
          certinfo::runChain},

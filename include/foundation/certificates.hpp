@@ -1,7 +1,9 @@
 // Umbrella header: the whole public interface of foundation::certificates.
 #pragma once
 
+#include <foundation/certificates/CertificateRevocationList.hpp>
 #include <foundation/certificates/CertificateValidation.hpp>
+#include <foundation/certificates/CrlCache.hpp>
 #include <foundation/certificates/Encodings.hpp>
 #include <foundation/certificates/Exceptions.hpp>
 #include <foundation/certificates/ISystemCertificateAdder.hpp>

@@ -45,12 +45,17 @@ fc::X509CRLUPtr makeCRL(const CRLRecipe& recipe) {
         ASN1_INTEGER* integer = BN_to_ASN1_INTEGER(serial, nullptr);
         BN_free(serial);
         ASN1_TIME* date = ASN1_TIME_set(nullptr, entry.revocationDate);
+        ASN1_ENUMERATED* reason = entry.reason ? ASN1_ENUMERATED_new() : nullptr;
         const bool ok = integer != nullptr && date != nullptr &&
                         X509_REVOKED_set_serialNumber(revoked, integer) == 1 &&
                         X509_REVOKED_set_revocationDate(revoked, date) == 1 &&
+                        (!entry.reason ||
+                         (reason != nullptr && ASN1_ENUMERATED_set(reason, *entry.reason) == 1 &&
+                          X509_REVOKED_add1_ext_i2d(revoked, NID_crl_reason, reason, 0, 0) == 1)) &&
                         X509_CRL_add0_revoked(crl.get(), revoked) == 1;
         ASN1_INTEGER_free(integer);
         ASN1_TIME_free(date);
+        ASN1_ENUMERATED_free(reason);
         if (!ok) X509_REVOKED_free(revoked);
         require(ok, "revoked entry");
     }

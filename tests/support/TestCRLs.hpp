@@ -14,6 +14,7 @@ namespace testsupport {
 struct RevokedEntry {
     std::string serialHex;
     std::time_t revocationDate;
+    std::optional<int> reason = std::nullopt;  // CRLReason code
 };
 
 struct CRLRecipe {

@@ -23,12 +23,22 @@ namespace fs = std::filesystem;
 
 namespace {
 
-sockaddr_in port80(const std::string& address) {
+sockaddr_in socketAddress(const std::string& address, unsigned short port) {
     sockaddr_in socketAddress{};
     socketAddress.sin_family = AF_INET;
-    socketAddress.sin_port = htons(80);
+    socketAddress.sin_port = htons(port);
     inet_pton(AF_INET, address.c_str(), &socketAddress.sin_addr);
     return socketAddress;
+}
+
+sockaddr_in port80(const std::string& address) { return socketAddress(address, 80); }
+
+std::string requestPath(const std::string& request) {
+    const std::size_t start = request.find(' ');
+    const std::size_t end = request.find(' ', start + 1);
+    return start == std::string::npos || end == std::string::npos
+               ? std::string()
+               : request.substr(start + 1, end - start - 1);
 }
 
 bool accepting(const std::string& address) {
@@ -140,20 +150,36 @@ std::vector<std::string> StaticHttpServer::requestedPaths() const {
     return paths;
 }
 
-ScriptedHttpServer::ScriptedHttpServer(std::string address, std::string response, Mode mode)
-    : address_(std::move(address)), response_(std::move(response)), mode_(mode) {
-    failure_ = cannotBindPort80(address_);
-    if (!failure_.empty()) return;
+ScriptedHttpServer::ScriptedHttpServer(std::string address, std::string response, Mode mode,
+                                       unsigned short port)
+    : address_(std::move(address)), response_(std::move(response)), mode_(mode), port_(port) {
+    if (port_ == 80) {
+        failure_ = cannotBindPort80(address_);
+        if (!failure_.empty()) return;
+    }
     listener_ = socket(AF_INET, SOCK_STREAM, 0);
     const int one = 1;
     setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    const sockaddr_in target = port80(address_);
+    const sockaddr_in target = socketAddress(address_, port_);
+    socklen_t length = sizeof target;
+    sockaddr_in bound{};
+    // A backlog of one is full after the fillers below: further connections are never set up.
     if (bind(listener_, reinterpret_cast<const sockaddr*>(&target), sizeof target) != 0 ||
-        listen(listener_, 16) != 0 || pipe(stopPipe_) != 0) {
+        listen(listener_, mode_ == Mode::NeverAccept ? 0 : 16) != 0 || pipe(stopPipe_) != 0 ||
+        getsockname(listener_, reinterpret_cast<sockaddr*>(&bound), &length) != 0) {
         failure_ = std::string("cannot listen: ") + std::strerror(errno);
         close(listener_);
         listener_ = -1;
         return;
+    }
+    port_ = ntohs(bound.sin_port);
+    if (mode_ == Mode::NeverAccept) {
+        for (int i = 0; i < 2; ++i) {
+            const int filler = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+            connect(filler, reinterpret_cast<const sockaddr*>(&bound), sizeof bound);
+            fillers_.push_back(filler);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     thread_ = std::thread([this] { serve(); });
 }
@@ -164,13 +190,24 @@ ScriptedHttpServer::~ScriptedHttpServer() {
     [[maybe_unused]] const ssize_t written = write(stopPipe_[1], &stop, 1);
     thread_.join();
     for (const int connection : heldConnections_) close(connection);
+    for (const int filler : fillers_) close(filler);
     close(listener_);
     close(stopPipe_[0]);
     close(stopPipe_[1]);
 }
 
 std::string ScriptedHttpServer::url(const std::string& path) const {
-    return "http://" + address_ + "/" + path;
+    return "http://" + address_ + (port_ == 80 ? "" : ":" + std::to_string(port_)) + "/" + path;
+}
+
+void ScriptedHttpServer::respond(const std::string& path, std::string response) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    byPath_.emplace_back(path, std::move(response));
+}
+
+void ScriptedHttpServer::delay(std::chrono::milliseconds pause) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    delay_ = pause;
 }
 
 std::vector<std::string> ScriptedHttpServer::requests() const {
@@ -178,7 +215,56 @@ std::vector<std::string> ScriptedHttpServer::requests() const {
     return requests_;
 }
 
+bool ScriptedHttpServer::stopping(std::chrono::milliseconds wait) const {
+    pollfd stop{stopPipe_[0], POLLIN, 0};
+    return poll(&stop, 1, static_cast<int>(wait.count())) != 0;
+}
+
+void ScriptedHttpServer::send(int connection, const std::string& bytes) const {
+    const auto give = [connection](const char* data, std::size_t size) {
+        std::size_t sent = 0;
+        while (sent < size) {
+            const ssize_t n = ::send(connection, data + sent, size - sent, MSG_NOSIGNAL);
+            if (n <= 0) return false;
+            sent += static_cast<std::size_t>(n);
+        }
+        return true;
+    };
+    if (mode_ != Mode::Drip) {
+        give(bytes.data(), bytes.size());
+        return;
+    }
+    const auto limit = std::chrono::steady_clock::now() + kMisbehaviourLimit;
+    for (const char byte : bytes) {
+        if (!give(&byte, 1) || stopping(kDripInterval) ||
+            std::chrono::steady_clock::now() > limit) {
+            return;
+        }
+    }
+}
+
+void ScriptedHttpServer::stream(int connection) const {
+    send(connection, "HTTP/1.0 200 OK\r\nContent-Type: application/pkix-crl\r\n\r\n");
+    const std::string block(16 * 1024, '\x30');
+    const auto limit = std::chrono::steady_clock::now() + kMisbehaviourLimit;
+    while (std::chrono::steady_clock::now() < limit) {
+        pollfd watched[2] = {{connection, POLLOUT, 0}, {stopPipe_[0], POLLIN, 0}};
+        if (poll(watched, 2, 1000) < 0 || watched[1].revents != 0) return;
+        if ((watched[0].revents & (POLLERR | POLLHUP)) != 0) return;
+        if ((watched[0].revents & POLLOUT) != 0 &&
+            ::send(connection, block.data(), block.size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0 &&
+            errno != EAGAIN) {
+            return;
+        }
+    }
+}
+
 void ScriptedHttpServer::serve() {
+    if (mode_ == Mode::NeverAccept) {
+        while (!stopping(std::chrono::milliseconds(-1))) {
+        }
+        return;  // the full backlog was never drained
+    }
     for (;;) {
         pollfd watched[2] = {{listener_, POLLIN, 0}, {stopPipe_[0], POLLIN, 0}};
         if (poll(watched, 2, -1) < 0) continue;
@@ -195,20 +281,28 @@ void ScriptedHttpServer::serve() {
             if (received <= 0) break;
             request.append(buffer, static_cast<std::size_t>(received));
         }
+        std::string response = response_;
+        std::chrono::milliseconds pause{0};
         {
             const std::lock_guard<std::mutex> lock(mutex_);
             requests_.push_back(request);
+            for (const auto& [path, answer] : byPath_) {
+                if (path == requestPath(request)) response = answer;
+            }
+            pause = delay_;
+        }
+        if (pause.count() > 0 && stopping(pause)) {
+            close(connection);
+            return;
         }
         if (mode_ == Mode::NeverAnswer) {
             heldConnections_.push_back(connection);  // open, silent, until the server stops
             continue;
         }
-        std::size_t sent = 0;
-        while (sent < response_.size()) {
-            const ssize_t n =
-                send(connection, response_.data() + sent, response_.size() - sent, MSG_NOSIGNAL);
-            if (n <= 0) break;
-            sent += static_cast<std::size_t>(n);
+        if (mode_ == Mode::Endless) {
+            stream(connection);
+        } else {
+            send(connection, response);
         }
         shutdown(connection, SHUT_RDWR);
         close(connection);

@@ -4,20 +4,44 @@
 // stored results and callers compare them.
 #pragma once
 
+#include <foundation/certificates/CertificateRevocationList.hpp>
 #include <foundation/certificates/Export.hpp>
 #include <foundation/certificates/Types.hpp>
 
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace foundation::certificates {
+
+class CrlCache;
 
 namespace detail {
 struct ValidationAccess;
 }
+
+// How revocation lists are downloaded when a validation asks for downloads and these settings
+// are given (CertificateValidationOptions::withRevocationFetch). Without them, lists are fetched
+// as always: the first http:// distribution point on port 80, no connection limit, 60 seconds
+// for the exchange, no size limit, through a temporary file.
+//
+// With them, a distribution point's explicit port is honoured, the scheme is matched in any
+// case, 301/302/307/308 redirects to other http:// locations are followed (three at most,
+// within the same deadlines and size limit), chunked responses are decoded, and the list is
+// parsed from memory. Each limit that is hit fails the download with its own
+// "CRL Download Error: ...\n" message, reported like every other download failure under the
+// options' DownloadCRL mode.
+struct RevocationFetchSettings {
+    std::chrono::milliseconds connectTimeout{0};       // name resolution + connection; 0 = no limit
+    std::chrono::milliseconds exchangeTimeout{60000};  // request + whole response; 0 = no limit
+    std::size_t maxResponseBytes = 0;                  // the list's bytes; 0 = no limit
+    bool tryEveryDistributionPoint = false;  // every http:// URI in order, the next after a failure
+    std::shared_ptr<CrlCache> cache;         // null = no cache
+};
 
 // What a certificate chain must be good for. Any sets no requirement; each other value runs
 // OpenSSL's purpose check over the whole chain: the leaf's key usage and extended key usage, and
@@ -85,6 +109,17 @@ class FOUNDATION_CERTIFICATES_EXPORT CertificateValidationOptions {
     // Throws InvalidArgument for a value that is not a CertificatePurpose enumerator.
     CertificateValidationOptions& withPurpose(CertificatePurpose purpose);
 
+    // Revocation lists the caller already has. With AllowRevokedCertificate::No and CheckCRL
+    // LeafOnly or FullChain they switch revocation checking on, also with DownloadCRL::No (the
+    // offline mode): a certificate whose list is missing then gets CRLError, a revoked one
+    // Revoked. A level whose list is among them is never downloaded. The lists are shared, not
+    // copied, and never changed.
+    CertificateValidationOptions& withRevocationLists(std::vector<CertificateRevocationList> lists);
+
+    // Downloads under limits, optionally through a shared cache; see RevocationFetchSettings.
+    // Takes effect only when DownloadCRL asks for downloads.
+    CertificateValidationOptions& withRevocationFetch(RevocationFetchSettings settings);
+
   private:
     friend struct detail::ValidationAccess;
 
@@ -100,6 +135,8 @@ class FOUNDATION_CERTIFICATES_EXPORT CertificateValidationOptions {
     ByteArray ipAddress;  // 4 or 16 bytes in network order
     std::string emailAddress;
     CertificatePurpose purpose = CertificatePurpose::Any;
+    std::vector<CertificateRevocationList> revocationLists;
+    std::optional<RevocationFetchSettings> revocationFetch;
 };
 
 // The outcome of chain validation.

@@ -8,6 +8,7 @@
 //   │   ├── X509CertificateChainException
 //   │   ├── PKCS7CertificateException
 //   │   ├── PKCS12CertificateException
+//   │   ├── CertificateRevocationListException
 //   │   ├── IncorrectPassphrase        the PKCS#12 passphrase does not open the container
 //   │   ├── NotRSAKey / NotECCKey      a key accessor of the other key family was called
 //   │   └── UnsupportedKeyType / UnsupportedEllipticCurve
@@ -63,6 +64,13 @@ class FOUNDATION_CERTIFICATES_EXPORT PKCS12CertificateException : public Certifi
   public:
     explicit PKCS12CertificateException(const std::string& message);
     ~PKCS12CertificateException() override;
+};
+
+class FOUNDATION_CERTIFICATES_EXPORT CertificateRevocationListException
+    : public CertificateException {
+  public:
+    explicit CertificateRevocationListException(const std::string& message);
+    ~CertificateRevocationListException() override;
 };
 
 class FOUNDATION_CERTIFICATES_EXPORT IncorrectPassphrase : public CertificateException {
