@@ -1,6 +1,7 @@
 // Validation of one certificate with OpenSSL's verifier: the working store, the revocation
 // lists, the flags, the forgiving callback, and the mapping of OpenSSL's verdict.
 #include "Asn1Conversions.hpp"
+#include "ChainSignatureVerification.hpp"
 #include "FacadeAccess.hpp"
 #include "OpenSSLPtr.hpp"
 #include "PathSearch.hpp"
@@ -264,6 +265,7 @@ void setUpContext(X509_STORE_CTX* context, X509_STORE* store, X509* certificate,
     }
     applyRequirements(X509_STORE_CTX_get0_param(context), options);
     X509_STORE_CTX_set_verify_cb(context, verifyCallback);
+    detail::useSignatureCache(context);
     X509_STORE_CTX_set_ex_data(context, 0, const_cast<Options*>(&options));
 }
 

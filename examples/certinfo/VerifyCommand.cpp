@@ -229,7 +229,8 @@ int runVerify(const std::vector<std::string>& words, std::ostream& out) {
     const Arguments args(
         words,
         {"chain", "trust", "crl", "download", "connect-timeout", "exchange-timeout",
-         "max-crl-bytes", "host", "ip", "email", "at", "purpose", "profile"},
+         "max-crl-bytes", "host", "ip", "email", "at", "purpose", "repeat", "signature-cache",
+         "profile"},
         {"allow-self-signed", "allow-expired", "allow-revoked", "every-cdp", "extended-keys"});
     args.expectPositionalCount(1, 1);
     applyKeyAcceptance(args);  // before anything is loaded: it decides what loads
@@ -260,9 +261,28 @@ int runVerify(const std::vector<std::string>& words, std::ostream& out) {
     if (auto settings = fetchSettingsFrom(args)) options.withRevocationFetch(std::move(*settings));
     addRequirements(args, options);
 
+    if (const auto entries = args.number<std::size_t>("signature-cache")) {
+        fc::setSignatureCacheCapacity(*entries);
+    }
+    const unsigned int repeat = args.number<unsigned int>("repeat").value_or(1);
+    if (repeat == 0) throw UsageError("--repeat needs at least 1");
+
     out << "Certificate: " << certificate.getSubjectName() << '\n';
-    const bool valid =
-        describeValidation(certificate.validateCertificate(chain, options, trustStore), out);
+    const auto start = std::chrono::steady_clock::now();
+    const fc::CertificateValidationResults results =
+        certificate.validateCertificate(chain, options, trustStore);
+    for (unsigned int i = 1; i < repeat; ++i) {
+        certificate.validateCertificate(chain, options, trustStore);
+    }
+    const std::chrono::duration<double, std::micro> elapsed =
+        std::chrono::steady_clock::now() - start;
+    const bool valid = describeValidation(results, out);
+    if (repeat > 1 || args.value("signature-cache")) {
+        const fc::SignatureCacheStatistics cache = fc::getSignatureCacheStatistics();
+        out << "Validated " << repeat << " time(s), " << elapsed.count() / repeat
+            << " us each\nSignature cache: " << cache.hits << " hits, " << cache.misses
+            << " misses, " << cache.entries << " of " << cache.capacity << " entries\n";
+    }
     return valid ? kExitOk : kExitNegative;
 }
 
