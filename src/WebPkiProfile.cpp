@@ -10,17 +10,45 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <string_view>
 
 namespace foundation::certificates::detail {
 
 namespace {
 
+OpenSSLPtr<GENERAL_NAMES> subjectAltNames(X509* certificate) {
+    return wrap(static_cast<GENERAL_NAMES*>(
+        X509_get_ext_d2i(certificate, NID_subject_alt_name, nullptr, nullptr)));
+}
+
+// Validation time is on the hot path: decoding the leaf's names once and comparing broken-down
+// times keeps the profile's cost small beside the verification itself.
 struct PathView {
     const std::vector<X509*>& chain;
     const ProfileFacts& facts;
+    std::tm at;
+    bool atKnown;
+    OpenSSLPtr<GENERAL_NAMES> leafNames = chain.empty() ? nullptr : subjectAltNames(chain[0]);
+
+    PathView(const std::vector<X509*>& chain, const ProfileFacts& facts)
+        : chain(chain), facts(facts), at(), atKnown(OPENSSL_gmtime(&facts.time, &at) != nullptr) {}
+
     int anchorDepth() const { return static_cast<int>(chain.size()) - 1; }
 };
+
+// -1, 0 or 1 as the time is before, at or after the validation time; -2 when unreadable.
+int compareToValidationTime(const ASN1_TIME* time, const PathView& path) {
+    std::tm t{};
+    if (!path.atKnown || ASN1_TIME_to_tm(time, &t) != 1) return -2;
+    const int a[] = {t.tm_year, t.tm_mon, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec};
+    const int b[] = {path.at.tm_year, path.at.tm_mon, path.at.tm_mday,
+                     path.at.tm_hour, path.at.tm_min, path.at.tm_sec};
+    for (std::size_t i = 0; i < 6; ++i) {
+        if (a[i] != b[i]) return a[i] < b[i] ? -1 : 1;
+    }
+    return 0;
+}
 
 // Empty when the certificate keeps the rule, else why not.
 using RuleCheck = std::string (*)(const PathView&, int depth);
@@ -108,11 +136,6 @@ std::string canonicalAddress(std::string_view bytes) {
     return text;
 }
 
-OpenSSLPtr<GENERAL_NAMES> subjectAltNames(X509* certificate) {
-    return wrap(static_cast<GENERAL_NAMES*>(
-        X509_get_ext_d2i(certificate, NID_subject_alt_name, nullptr, nullptr)));
-}
-
 bool hasExtension(X509* certificate, int nid) {
     return X509_get_ext_by_NID(certificate, nid, -1) >= 0;
 }
@@ -136,15 +159,23 @@ std::string keyRule(const PathView& path, int depth) {
             return {};
         }
         case EVP_PKEY_EC: {
-            char group[64] = {};
-            std::size_t length = 0;
-            if (EVP_PKEY_get_group_name(key, group, sizeof group, &length) != 1) {
-                return "the elliptic curve cannot be read";
+            // The named curve's identifier straight from the certificate: asking the key's
+            // provider for its group name costs more than the rest of the rules together.
+            const void* parameter = nullptr;
+            int parameterType = 0;
+            X509_ALGOR* algorithm = nullptr;
+            X509_PUBKEY_get0_param(nullptr, nullptr, nullptr, &algorithm,
+                                   X509_get_X509_PUBKEY(path.chain[depth]));
+            if (algorithm != nullptr)
+                X509_ALGOR_get0(nullptr, &parameterType, &parameter, algorithm);
+            if (parameterType != V_ASN1_OBJECT) return "the elliptic curve cannot be read";
+            const int curve = OBJ_obj2nid(static_cast<const ASN1_OBJECT*>(parameter));
+            if (curve == NID_X9_62_prime256v1 || curve == NID_secp384r1 || curve == NID_secp521r1) {
+                return {};
             }
-            for (const char* allowed : {"prime256v1", "secp384r1", "secp521r1"}) {
-                if (std::strcmp(group, allowed) == 0) return {};
-            }
-            return std::string("the elliptic curve ") + group + " is not P-256, P-384 or P-521";
+            const char* name = OBJ_nid2sn(curve);
+            return std::string("the elliptic curve ") + (name != nullptr ? name : "?") +
+                   " is not P-256, P-384 or P-521";
         }
         case EVP_PKEY_DSA:
             return "DSA keys are not allowed";
@@ -179,7 +210,7 @@ std::string commonNameRule(const PathView& path, int depth) {
     X509_NAME* subject = X509_get_subject_name(path.chain[0]);
     int index = X509_NAME_get_index_by_NID(subject, NID_commonName, -1);
     if (index < 0) return {};
-    const OpenSSLPtr<GENERAL_NAMES> names = subjectAltNames(path.chain[0]);
+    const OpenSSLPtr<GENERAL_NAMES>& names = path.leafNames;
     for (; index >= 0; index = X509_NAME_get_index_by_NID(subject, NID_commonName, index)) {
         const std::string_view commonName =
             bytesOf(X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, index)));
@@ -199,7 +230,7 @@ std::string commonNameRule(const PathView& path, int depth) {
 
 std::string nameSyntaxRule(const PathView& path, int depth) {
     if (depth != 0) return {};
-    const OpenSSLPtr<GENERAL_NAMES> names = subjectAltNames(path.chain[0]);
+    const OpenSSLPtr<GENERAL_NAMES>& names = path.leafNames;
     if (!names) return "the leaf's subjectAltName cannot be decoded";
     for (int i = 0; i < sk_GENERAL_NAME_num(names.get()); ++i) {
         const GENERAL_NAME* name = sk_GENERAL_NAME_value(names.get(), i);
@@ -247,7 +278,7 @@ std::string nameConstraintsRule(const PathView& path, int depth) {
         }
     }
     if (sk_GENERAL_SUBTREE_num(constraints->excludedSubtrees) <= 0) return {};
-    const OpenSSLPtr<GENERAL_NAMES> names = subjectAltNames(path.chain[0]);
+    const OpenSSLPtr<GENERAL_NAMES>& names = path.leafNames;
     for (int n = 0; names && n < sk_GENERAL_NAME_num(names.get()); ++n) {
         const GENERAL_NAME* name = sk_GENERAL_NAME_value(names.get(), n);
         if (name->type != GEN_DNS) continue;
@@ -336,9 +367,10 @@ std::string policyConstraintsRule(const PathView& path, int depth) {
 // Both ends inclusive, which OpenSSL's notAfter comparison is not; the verify callback lets
 // the last second through and this rule keeps everything past it out, forgiven or not.
 std::string validityRule(const PathView& path, int depth) {
+    if (!path.facts.expiryForgivable) return {};  // OpenSSL has seen to it
     X509* certificate = path.chain[depth];
-    const int fromStart = ASN1_TIME_cmp_time_t(X509_get0_notBefore(certificate), path.facts.time);
-    const int toEnd = ASN1_TIME_cmp_time_t(X509_get0_notAfter(certificate), path.facts.time);
+    const int fromStart = compareToValidationTime(X509_get0_notBefore(certificate), path);
+    const int toEnd = compareToValidationTime(X509_get0_notAfter(certificate), path);
     if (fromStart == -2 || toEnd == -2) return "the validity period cannot be read";
     if (fromStart > 0) return "the certificate is not yet valid";
     if (toEnd < 0) return "the certificate has expired";

@@ -13,6 +13,9 @@ namespace foundation::certificates::detail {
 // What a path is judged with besides its certificates.
 struct ProfileFacts {
     std::time_t time = 0;
+    // Whether the options forgive an expired certificate; otherwise an accepted path is known
+    // to be within every validity period.
+    bool expiryForgivable = true;
     // The revocation lists OpenSSL had at hand, and the deepest depth it checked with them
     // (-1: revocation was not checked).
     std::vector<X509_CRL*> revocationLists;

@@ -334,7 +334,9 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain,
         throw InvalidArgument("The WebPKI profile needs a host name or an IP address.");
     }
     std::optional<Options> profileOptions;
-    if (webPki) {
+    // Only when something is implied: copying the options costs a noticeable share.
+    if (webPki && (!ValidationAccess::validationTime(callerOptions) ||
+                   ValidationAccess::purpose(callerOptions) == CertificatePurpose::Any)) {
         profileOptions =
             ValidationAccess::withProfileDefaults(callerOptions, std::chrono::system_clock::now());
     }
@@ -404,6 +406,8 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain,
     if (webPki) {
         detail::ProfileFacts facts;
         facts.time = checkTime(options);
+        facts.expiryForgivable =
+            ValidationAccess::allowExpired(options) == Options::AllowExpiredCertificate::Yes;
         for (const X509CRLUPtr& list : crls) facts.revocationLists.push_back(list.get());
         for (int i = 0; i < sk_X509_CRL_num(contextCrls.get()); ++i) {
             facts.revocationLists.push_back(sk_X509_CRL_value(contextCrls.get(), i));
