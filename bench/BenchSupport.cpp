@@ -176,7 +176,8 @@ PKI makePKI(const std::string& name, const std::string& rootKey, const std::stri
 }
 
 Owned<X509> makeLeaf(const PKI& pki, long serial) {
-    return reparsed(makeCertificate(Role::Leaf, "Bench Leaf " + pki.name, serial, pki.leafKey.get(),
+    // Its name is its host name, as a TLS server certificate's must be.
+    return reparsed(makeCertificate(Role::Leaf, "leaf.bench.test", serial, pki.leafKey.get(),
                                     pki.intermediate.get(), pki.intermediateKey.get(),
                                     pki.leafListUrl));
 }

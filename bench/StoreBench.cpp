@@ -328,6 +328,44 @@ void registerValidationWithRequirements() {
     }
 }
 
+// The web PKI profile against the same validation without it: both sides are the library, same
+// chain, host and time, so the ratio is the profile's own cost.
+void registerProfileValidation() {
+    for (const PKI* pki : {&inputs().rsa, &inputs().ec}) {
+        const std::string key = pki == &inputs().rsa ? "rsa" : "p256";
+        const auto validation = [pki](fc::ValidationProfile profile) {
+            return [pki, profile](benchmark::State& state) {
+                fc::TrustStore store;
+                store.addCertificate(fc::X509Certificate(toPEM(pki->root.get())));
+                const fc::X509Certificate leaf(toPEM(pki->leaf.get()));
+                fc::X509CertificateChain chain;
+                chain.addCertificate(fc::X509Certificate(toPEM(pki->intermediate.get())));
+                auto options = strictOptions();
+                options.withHostName(kLeafHost)
+                    .withValidationTime(validationTime())
+                    .withPurpose(fc::CertificatePurpose::TLSServer)
+                    .withProfile(profile);
+                const auto first = leaf.validateCertificate(chain, options, store);
+                if (!require(state,
+                             first.getCertificateChainStatus() == fc::CertificateChainStatus::Valid,
+                             "library validation fails: " + first.getValidationErrorString())) {
+                    return;
+                }
+                loop(state, [&] {
+                    benchmark::DoNotOptimize(leaf.validateCertificate(chain, options, store));
+                });
+            };
+        };
+        // "raw" here is the library without the profile.
+        registerPair({"validateCertificate_webpki_" + key,
+                      "validateCertificate, WebPKI profile vs RFC5280, host, time, TLS server (" +
+                          pki->name + ")",
+                      1.15},
+                     validation(fc::ValidationProfile::RFC5280),
+                     validation(fc::ValidationProfile::WebPKI));
+    }
+}
+
 // verifySignature is newer than this suite; the row runs once the header declares it.
 template <typename PKCS7Type, typename = void>
 struct HasVerifySignature : std::false_type {};
@@ -390,6 +428,7 @@ void registerStoreBenchmarks() {
     registerChainAndStore();
     registerValidation();
     registerValidationWithRequirements();
+    registerProfileValidation();
     registerSignatureVerification();
 }
 

@@ -54,6 +54,19 @@ int main(int argc, char** argv) {
     write(certificates, "ed25519.der",
           testsupport::toDER(testsupport::makeCertificate(ed25519).get()));
 
+    // A leaf and its issuer, split where the first byte says (16 bytes per unit).
+    const fs::path profile = root / "fuzz_webpki_profile";
+    for (const auto* pki : {&rsa, &ec}) {
+        foundation::certificates::ByteArray path = testsupport::toDER(pki->leaf.get());
+        const std::size_t padded = (path.size() + 15) / 16 * 16;
+        path.resize(padded, 0);
+        const foundation::certificates::ByteArray issuer =
+            testsupport::toDER(pki->intermediate.get());
+        path.insert(path.end(), issuer.begin(), issuer.end());
+        path.insert(path.begin(), static_cast<unsigned char>(padded / 16));
+        write(profile, pki == &rsa ? "rsa-path.der" : "ec-path.der", path);
+    }
+
     const fs::path chains = root / "fuzz_chain";
     write(chains, "rsa-chain.pem",
           testsupport::toPEM(rsa.leaf.get()) + testsupport::toPEM(rsa.intermediate.get()) +

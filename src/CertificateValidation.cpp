@@ -138,6 +138,15 @@ CertificateValidationOptions& CertificateValidationOptions::withRevocationFetch(
     return *this;
 }
 
+CertificateValidationOptions& CertificateValidationOptions::withProfile(ValidationProfile profile) {
+    if (profile != ValidationProfile::RFC5280 && profile != ValidationProfile::WebPKI) {
+        throw InvalidArgument("Unknown validation profile: " +
+                              std::to_string(static_cast<std::uint32_t>(profile)) + ".");
+    }
+    this->profile = profile;
+    return *this;
+}
+
 CertificateRevocationResults::CertificateRevocationResults(RevocationStatus status,
                                                            std::string revocationDate,
                                                            std::string revokedSerialNumber)

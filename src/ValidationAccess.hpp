@@ -35,6 +35,15 @@ struct ValidationAccess {
     static const ByteArray& ipAddress(const Options& o) { return o.ipAddress; }
     static const std::string& emailAddress(const Options& o) { return o.emailAddress; }
     static CertificatePurpose purpose(const Options& o) { return o.purpose; }
+    static ValidationProfile profile(const Options& o) { return o.profile; }
+
+    // The profile's implied settings made explicit: the time fixed once, so that the verifier
+    // and the profile judge the same second, and TLS server as the purpose unless one was set.
+    static Options withProfileDefaults(Options o, std::chrono::system_clock::time_point now) {
+        if (!o.validationTime) o.validationTime = now;
+        if (o.purpose == CertificatePurpose::Any) o.purpose = CertificatePurpose::TLSServer;
+        return o;
+    }
 };
 
 }  // namespace foundation::certificates::detail

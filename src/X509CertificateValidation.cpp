@@ -4,11 +4,13 @@
 #include "ChainSignatureVerification.hpp"
 #include "FacadeAccess.hpp"
 #include "OpenSSLPtr.hpp"
+#include "PathSearch.hpp"
 #include "PlatformTrust.hpp"
 #include "RevocationChecking.hpp"
 #include "RevocationListAccess.hpp"
 #include "StoreSnapshot.hpp"
 #include "ValidationAccess.hpp"
+#include "WebPkiProfile.hpp"
 #include "X509CertificateImpl.hpp"
 
 #include <foundation/certificates/Exceptions.hpp>
@@ -19,6 +21,7 @@
 #include <openssl/x509v3.h>
 
 #include <chrono>
+#include <climits>
 
 namespace foundation::certificates {
 
@@ -61,6 +64,14 @@ int ownRequirementError(X509* certificate, int depth, const Options& options) {
     return X509_V_OK;
 }
 
+// The second the validation judges; the profile always fixes one.
+std::time_t checkTime(const Options& options) {
+    const auto time =
+        ValidationAccess::validationTime(options).value_or(std::chrono::system_clock::now());
+    return static_cast<std::time_t>(
+        std::chrono::floor<std::chrono::seconds>(time.time_since_epoch()).count());
+}
+
 // OpenSSL asks after every check; the options decide which failures are forgiven. It keeps no
 // state: the options come with the context, so concurrent validations do not meet here.
 int verifyCallback(int ok, X509_STORE_CTX* context) {
@@ -78,6 +89,11 @@ int verifyCallback(int ok, X509_STORE_CTX* context) {
     const int error = X509_STORE_CTX_get_error(context);
     if (error == X509_V_OK) return 1;
     if (options == nullptr) return ok;
+    if (error == X509_V_ERR_CERT_HAS_EXPIRED && current != nullptr &&
+        ValidationAccess::profile(*options) == ValidationProfile::WebPKI &&
+        detail::expiresExactlyAt(current, checkTime(*options))) {
+        return 1;
+    }
     switch (error) {
         case X509_V_ERR_CERT_HAS_EXPIRED:
             return ValidationAccess::allowExpired(*options) == Options::AllowExpiredCertificate::Yes
@@ -237,6 +253,68 @@ void applyRequirements(X509_VERIFY_PARAM* param, const Options& options) {
     }
 }
 
+// Flags and callback go on the context, not on the store: the store may be shared. The context
+// starts from the store's (default) parameters, so the effect is the same.
+void setUpContext(X509_STORE_CTX* context, X509_STORE* store, X509* certificate,
+                  STACK_OF(X509) * untrusted, STACK_OF(X509_CRL) * crls, unsigned long flags,
+                  const Options& options) {
+    X509_STORE_CTX_init(context, store, certificate, untrusted);
+    if (crls != nullptr) X509_STORE_CTX_set0_crls(context, crls);
+    if (X509_VERIFY_PARAM_set_flags(X509_STORE_CTX_get0_param(context), flags) == 0) {
+        throw X509CertificateException("Failed to set the flags to X509 parameters");
+    }
+    applyRequirements(X509_STORE_CTX_get0_param(context), options);
+    X509_STORE_CTX_set_verify_cb(context, verifyCallback);
+    detail::useSignatureCache(context);
+    X509_STORE_CTX_set_ex_data(context, 0, const_cast<Options*>(&options));
+}
+
+detail::OpenSSLPtr<X509_STORE_CTX> newContext() {
+    detail::OpenSSLPtr<X509_STORE_CTX> context(X509_STORE_CTX_new());
+    if (!context) {
+        throw X509CertificateException("Internal Error: error creating X509_STORE_CTX object\n");
+    }
+    return context;
+}
+
+std::vector<X509*> chainOf(X509_STORE_CTX* context) {
+    std::vector<X509*> chain;
+    STACK_OF(X509)* built = X509_STORE_CTX_get0_chain(context);
+    for (int i = 0; i < sk_X509_num(built); ++i) chain.push_back(sk_X509_value(built, i));
+    return chain;
+}
+
+// Failures that a path through other certificates could avoid: anything about an issuer, the
+// end of the path or the constraints on it. What belongs to the leaf alone (its names, its
+// dates, its revocation) stays with every path.
+bool anotherPathMayHelp(int error, int depth) {
+    switch (error) {
+        case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
+        case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
+        case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
+        case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
+        case X509_V_ERR_CERT_CHAIN_TOO_LONG:
+        case X509_V_ERR_PATH_LENGTH_EXCEEDED:
+        case X509_V_ERR_INVALID_CA:
+        case X509_V_ERR_CERT_UNTRUSTED:
+        case X509_V_ERR_CERT_REJECTED:
+        case X509_V_ERR_PERMITTED_VIOLATION:
+        case X509_V_ERR_EXCLUDED_VIOLATION:
+        case X509_V_ERR_SUBTREE_MINMAX:
+        case X509_V_ERR_UNSUPPORTED_CONSTRAINT_TYPE:
+        case X509_V_ERR_UNSUPPORTED_CONSTRAINT_SYNTAX:
+        case X509_V_ERR_UNSUPPORTED_NAME_SYNTAX:
+            return true;
+        case X509_V_ERR_CERT_REVOKED:
+        case X509_V_ERR_UNABLE_TO_GET_CRL:
+        case X509_V_ERR_HOSTNAME_MISMATCH:
+        case X509_V_ERR_IP_ADDRESS_MISMATCH:
+            return false;
+        default:
+            return depth > 0;
+    }
+}
+
 bool sameCertificate(const X509Certificate& certificate, const X509* x509) {
     const X509SPtr parsed = detail::FacadeAccess::read(
         certificate, [](const X509CertificateImpl& i) { return i.shared(); });
@@ -246,13 +324,26 @@ bool sameCertificate(const X509Certificate& certificate, const X509* x509) {
 }  // namespace
 
 std::pair<std::optional<X509CertificateImpl>, CertificateValidationResults>
-X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const Options& options,
-                                      const TrustStore& trustStore, AnchorCopy anchorCopy) const {
+X509CertificateImpl::validationHelper(const X509CertificateChain& chain,
+                                      const Options& callerOptions, const TrustStore& trustStore,
+                                      AnchorCopy anchorCopy) const {
     throwIfEmpty();
-    const detail::OpenSSLPtr<X509_STORE_CTX> context(X509_STORE_CTX_new());
-    if (!context) {
-        throw X509CertificateException("Internal Error: error creating X509_STORE_CTX object\n");
+    const bool webPki = ValidationAccess::profile(callerOptions) == ValidationProfile::WebPKI;
+    if (webPki && ValidationAccess::hostName(callerOptions).empty() &&
+        ValidationAccess::ipAddress(callerOptions).empty()) {
+        throw InvalidArgument("The WebPKI profile needs a host name or an IP address.");
     }
+    std::optional<Options> profileOptions;
+    // Only when something is implied: copying the options costs a noticeable share.
+    if (webPki && (!ValidationAccess::validationTime(callerOptions) ||
+                   ValidationAccess::purpose(callerOptions) == CertificatePurpose::Any)) {
+        profileOptions =
+            ValidationAccess::withProfileDefaults(callerOptions, std::chrono::system_clock::now());
+    }
+    const Options& options = profileOptions ? *profileOptions : callerOptions;
+    // A context that passed on another path points at its anchor stack, so this outlives it.
+    detail::OpenSSLPtr<STACK_OF(X509)> passingAnchor;
+    detail::OpenSSLPtr<X509_STORE_CTX> context = newContext();
     const std::shared_ptr<X509_STORE> trusted = trustedStore(trustStore);
 
     // This certificate first, unless the chain already starts with it.
@@ -306,21 +397,82 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const O
         }
     }
 
-    // Flags and callback go on the context, not on the store: the store may be shared. The
-    // context starts from the store's (default) parameters, so the effect is the same.
-    X509_STORE_CTX_init(context.get(), store, certificate.get(), untrusted.get());
     const detail::OpenSSLPtr<STACK_OF(X509_CRL)> contextCrls = crlStack(contextLists);
-    if (contextCrls) X509_STORE_CTX_set0_crls(context.get(), contextCrls.get());
-    if (X509_VERIFY_PARAM_set_flags(X509_STORE_CTX_get0_param(context.get()), flags) == 0) {
-        throw X509CertificateException("Failed to set the flags to X509 parameters");
-    }
-    applyRequirements(X509_STORE_CTX_get0_param(context.get()), options);
-    X509_STORE_CTX_set_verify_cb(context.get(), verifyCallback);
-    detail::useSignatureCache(context.get());
-    X509_STORE_CTX_set_ex_data(context.get(), 0, const_cast<Options*>(&options));
+    setUpContext(context.get(), store, certificate.get(), untrusted.get(), contextCrls.get(), flags,
+                 options);
 
     CertificateValidationResults results(CertificateChainStatus::ValidationFailed, "");
-    if (X509_verify_cert(context.get()) > 0) {
+    bool accepted = X509_verify_cert(context.get()) > 0;
+    if (webPki) {
+        detail::ProfileFacts facts;
+        facts.time = checkTime(options);
+        facts.expiryForgivable =
+            ValidationAccess::allowExpired(options) == Options::AllowExpiredCertificate::Yes;
+        for (const X509CRLUPtr& list : crls) facts.revocationLists.push_back(list.get());
+        for (int i = 0; i < sk_X509_CRL_num(contextCrls.get()); ++i) {
+            facts.revocationLists.push_back(sk_X509_CRL_value(contextCrls.get(), i));
+        }
+        if ((flags & X509_V_FLAG_CRL_CHECK_ALL) != 0) {
+            facts.revocationCheckedDepth = INT_MAX;
+        } else if ((flags & X509_V_FLAG_CRL_CHECK) != 0) {
+            facts.revocationCheckedDepth = 0;
+        }
+        // The first path's verdict is the answer unless another path passes.
+        std::optional<CertificateValidationResults> firstFailure;
+        bool searchOthers = false;
+        const std::vector<X509*> firstPath = chainOf(context.get());
+        if (accepted) {
+            if (const auto violation = detail::checkWebPkiProfile(firstPath, facts)) {
+                firstFailure.emplace(CertificateChainStatus::ProfileViolation, violation->text);
+                searchOthers = violation->depth > 0;
+            }
+        } else {
+            firstFailure = resultsFor(context.get(), options);
+            searchOthers = anotherPathMayHelp(X509_STORE_CTX_get_error(context.get()),
+                                              X509_STORE_CTX_get_error_depth(context.get()));
+        }
+        if (searchOthers) {
+            const X509StackUPtr anchors = makeX509StackUPtr(X509_STORE_get1_all_certs(store));
+            std::vector<X509*> trustedCertificates, given;
+            for (int i = 0; i < sk_X509_num(anchors.get()); ++i) {
+                trustedCertificates.push_back(sk_X509_value(anchors.get(), i));
+            }
+            for (int i = 0; i < sk_X509_num(untrusted.get()); ++i) {
+                given.push_back(sk_X509_value(untrusted.get(), i));
+            }
+            const auto attempt = [&](const std::vector<X509*>& path) {
+                if (path == firstPath) return false;
+                detail::OpenSSLPtr<X509_STORE_CTX> candidate = newContext();
+                const detail::OpenSSLPtr<STACK_OF(X509)> between(sk_X509_new_null());
+                detail::OpenSSLPtr<STACK_OF(X509)> anchor(sk_X509_new_null());
+                bool built = between && anchor && sk_X509_push(anchor.get(), path.back()) > 0;
+                for (std::size_t i = 1; built && i + 1 < path.size(); ++i) {
+                    built = sk_X509_push(between.get(), path[i]) > 0;
+                }
+                if (!built)
+                    throw X509CertificateException("Internal error: Unable to allocate a stack.");
+                setUpContext(candidate.get(), store, certificate.get(), between.get(),
+                             contextCrls.get(), flags, options);
+                X509_STORE_CTX_set0_trusted_stack(candidate.get(), anchor.get());
+                if (X509_verify_cert(candidate.get()) <= 0 ||
+                    detail::checkWebPkiProfile(chainOf(candidate.get()), facts)) {
+                    return false;
+                }
+                context = std::move(candidate);
+                passingAnchor = std::move(anchor);
+                return true;
+            };
+            if (detail::searchPaths(certificate.get(), given, trustedCertificates, attempt)) {
+                firstFailure.reset();
+                accepted = true;
+            }
+        }
+        if (firstFailure) {
+            results = *firstFailure;
+            accepted = false;
+        }
+    }
+    if (accepted) {
         results = CertificateValidationResults(CertificateChainStatus::Valid, "");
         const X509StackUPtr verified = makeX509StackUPtr(X509_STORE_CTX_get1_chain(context.get()));
         const int length = verified ? sk_X509_num(verified.get()) : 0;
@@ -334,7 +486,7 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const O
         X509_up_ref(anchor);
         return {X509CertificateImpl::fromParsed(makeX509SPtr(anchor)), results};
     }
-    results = resultsFor(context.get(), options);
+    if (!webPki) results = resultsFor(context.get(), options);
     if (X509_STORE_CTX_get_error(context.get()) == X509_V_ERR_CERT_REVOKED &&
         ValidationAccess::checkCRL(options) != Options::CheckCRL::None) {
         results.setCertificateRevocationResults(

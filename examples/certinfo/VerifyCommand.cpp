@@ -77,6 +77,12 @@ fc::CertificatePurpose purposeFrom(const std::string& text) {
         "time-stamping");
 }
 
+fc::ValidationProfile profileFrom(const std::string& text) {
+    if (text == "rfc5280") return fc::ValidationProfile::RFC5280;
+    if (text == "webpki") return fc::ValidationProfile::WebPKI;
+    throw UsageError("--profile takes rfc5280 or webpki");
+}
+
 // 2024-05-01, 2024-05-01T12:00:00 (UTC), 2024-05-01T12:00:00Z or with an offset such as +02:00.
 std::chrono::system_clock::time_point timeFrom(const std::string& text) {
     std::tm utc{};
@@ -122,6 +128,14 @@ void addRequirements(const Arguments& args, Options& options) {
         if (const auto ip = args.value("ip")) options.withIPAddress(*ip);
         if (const auto email = args.value("email")) options.withEmailAddress(*email);
         if (const auto purpose = args.value("purpose")) options.withPurpose(purposeFrom(*purpose));
+        if (const auto profile = args.value("profile")) {
+            const fc::ValidationProfile chosen = profileFrom(*profile);
+            if (chosen == fc::ValidationProfile::WebPKI && !args.value("host") &&
+                !args.value("ip")) {
+                throw UsageError("--profile webpki needs --host or --ip");
+            }
+            options.withProfile(chosen);
+        }
     } catch (const fc::InvalidArgument& e) {
         throw UsageError(e.what());
     }
@@ -151,6 +165,8 @@ const char* chainStatusName(fc::CertificateChainStatus status) {
             return "NameMismatch";
         case fc::CertificateChainStatus::PurposeMismatch:
             return "PurposeMismatch";
+        case fc::CertificateChainStatus::ProfileViolation:
+            return "ProfileViolation";
     }
     return "?";
 }
@@ -213,7 +229,8 @@ int runVerify(const std::vector<std::string>& words, std::ostream& out) {
     const Arguments args(
         words,
         {"chain", "trust", "crl", "download", "connect-timeout", "exchange-timeout",
-         "max-crl-bytes", "host", "ip", "email", "at", "purpose", "repeat", "signature-cache"},
+         "max-crl-bytes", "host", "ip", "email", "at", "purpose", "repeat", "signature-cache",
+         "profile"},
         {"allow-self-signed", "allow-expired", "allow-revoked", "every-cdp", "extended-keys"});
     args.expectPositionalCount(1, 1);
     applyKeyAcceptance(args);  // before anything is loaded: it decides what loads

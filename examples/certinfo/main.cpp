@@ -27,12 +27,15 @@ const std::vector<certinfo::Command>& commands() {
          "           [--exchange-timeout MS] [--max-crl-bytes N] [--every-cdp]\n"
          "           [--host NAME] [--ip ADDRESS] [--email ADDRESS] [--at ISO-8601-TIME]\n"
          "           [--purpose any|tls-server|tls-client|code-signing|email-protection|\n"
-         "           time-stamping] [--extended-keys] [--repeat N] [--signature-cache ENTRIES]",
+         "           time-stamping] [--profile rfc5280|webpki] [--extended-keys] [--repeat N]\n"
+         "           [--signature-cache ENTRIES]",
          "validate a certificate against a chain and trusted certificates (default: the\n"
          "      system's), optionally checking revocation lists fetched over HTTP or given as\n"
          "      files (then offline, leaf only, unless --crl chain / --download say otherwise),\n"
          "      the leaf's names, the chain's purpose and the time to judge it at; the\n"
          "      timeouts, size limit and --every-cdp switch to bounded downloads;\n"
+         "      --profile webpki (with --host or --ip) adds the web PKI rules and names the\n"
+         "      rule and depth that failed;\n"
          "      --extended-keys accepts P-384, P-521 and Ed448 keys too; --repeat validates N\n"
          "      times and prints the time each took and the signature cache's counts, whose\n"
          "      room --signature-cache sets (0: off); exit 0 when valid, 1 when not",

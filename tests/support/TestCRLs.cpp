@@ -15,9 +15,7 @@ void require(bool ok, const char* what) {
     if (!ok) throw std::runtime_error(std::string("test CRL: ") + what);
 }
 
-}  // namespace
-
-fc::X509CRLUPtr makeCRL(const CRLRecipe& recipe) {
+fc::X509CRLUPtr makeCRL(const CRLRecipe& recipe, std::optional<long> crlNumber) {
     require(recipe.issuer != nullptr && recipe.signingKey != nullptr, "issuer and key required");
     fc::X509CRLUPtr crl = fc::makeX509CRLUPtr(X509_CRL_new());
     require(crl != nullptr, "X509_CRL_new");
@@ -59,9 +57,24 @@ fc::X509CRLUPtr makeCRL(const CRLRecipe& recipe) {
         if (!ok) X509_REVOKED_free(revoked);
         require(ok, "revoked entry");
     }
+    if (crlNumber) {
+        ASN1_INTEGER* number = ASN1_INTEGER_new();
+        const bool ok = number != nullptr && ASN1_INTEGER_set(number, *crlNumber) == 1 &&
+                        X509_CRL_add1_ext_i2d(crl.get(), NID_crl_number, number, 0, 0) == 1;
+        ASN1_INTEGER_free(number);
+        require(ok, "CRL number");
+    }
     require(X509_CRL_sort(crl.get()) == 1, "sort");
     require(X509_CRL_sign(crl.get(), recipe.signingKey, EVP_sha256()) > 0, "signing");
     return crl;
+}
+
+}  // namespace
+
+fc::X509CRLUPtr makeCRL(const CRLRecipe& recipe) { return makeCRL(recipe, std::nullopt); }
+
+fc::X509CRLUPtr makeNumberedCRL(const CRLRecipe& recipe, long crlNumber) {
+    return makeCRL(recipe, crlNumber);
 }
 
 fc::X509CRLUPtr makeCRL(X509* issuer, EVP_PKEY* issuerKey,

@@ -26,6 +26,8 @@ struct CRLRecipe {
 };
 
 foundation::certificates::X509CRLUPtr makeCRL(const CRLRecipe& recipe);
+// The same with a cRLNumber extension.
+foundation::certificates::X509CRLUPtr makeNumberedCRL(const CRLRecipe& recipe, long crlNumber);
 
 // A list by the issuer, signed with its key, valid from an hour ago for a week, revoking the
 // given serial numbers (hex digits) as of now.

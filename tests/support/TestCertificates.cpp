@@ -112,7 +112,7 @@ fc::X509UPtr makeCertificate(const CertificateRecipe& recipe) {
     X509* issuerForExtensions = recipe.issuer != nullptr ? recipe.issuer : x;
     if (recipe.version == 2) {
         addExtension(x, issuerForExtensions, NID_subject_key_identifier, "hash");
-        if (recipe.issuer != nullptr) {
+        if (recipe.issuer != nullptr && recipe.authorityKeyIdentifier) {
             addExtension(x, issuerForExtensions, NID_authority_key_identifier, "keyid:always");
         }
         if (recipe.ca) {

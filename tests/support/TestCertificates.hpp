@@ -40,6 +40,9 @@ struct CertificateRecipe {
     // Adds basicConstraints critical,CA:TRUE plus keyUsage keyCertSign,cRLSign.
     bool ca = false;
 
+    // An issued certificate names its issuer's key in authorityKeyIdentifier unless cleared.
+    bool authorityKeyIdentifier = true;
+
     // More extensions as (NID, OpenSSL configuration value), e.g.
     // {NID_key_usage, "critical,digitalSignature"}, {NID_crl_distribution_points,
     // "URI:http://..."}.

@@ -66,6 +66,14 @@ enum class CertificatePurpose : std::uint32_t {
 //
 // (Keep the record in a variable of its own type, as above: a reference bound to the result of
 // a chain on a temporary dangles.) A requirement that is never set changes nothing.
+// RFC5280 is OpenSSL's verdict alone. WebPKI adds the rules browsers apply to TLS server chains
+// (listed in the README) and searches the other paths the given certificates offer when the
+// first one fails.
+enum class ValidationProfile : std::uint32_t {
+    RFC5280 = 0,
+    WebPKI = 1,
+};
+
 class FOUNDATION_CERTIFICATES_EXPORT CertificateValidationOptions {
   public:
     // Forgives OpenSSL's errors 18 and 19 (self-signed certificate at depth 0 or in the chain).
@@ -120,6 +128,10 @@ class FOUNDATION_CERTIFICATES_EXPORT CertificateValidationOptions {
     // Takes effect only when DownloadCRL asks for downloads.
     CertificateValidationOptions& withRevocationFetch(RevocationFetchSettings settings);
 
+    // WebPKI needs a host name or IP address (validation throws InvalidArgument without one)
+    // and implies CertificatePurpose::TLSServer when no purpose was set.
+    CertificateValidationOptions& withProfile(ValidationProfile profile);
+
   private:
     friend struct detail::ValidationAccess;
 
@@ -137,6 +149,7 @@ class FOUNDATION_CERTIFICATES_EXPORT CertificateValidationOptions {
     CertificatePurpose purpose = CertificatePurpose::Any;
     std::vector<CertificateRevocationList> revocationLists;
     std::optional<RevocationFetchSettings> revocationFetch;
+    ValidationProfile profile = ValidationProfile::RFC5280;
 };
 
 // The outcome of chain validation.
@@ -150,8 +163,9 @@ enum class CertificateChainStatus : std::uint32_t {
     InvalidSignature = 6,  // a certificate's signature does not verify (errors 4, 7)
     ValidationFailed = 7,  // any other error, e.g. 9 (not yet valid)
     // Only when the options ask for it:
-    NameMismatch = 8,     // host name, IP address or e-mail address not in the leaf (62, 63, 64)
-    PurposeMismatch = 9,  // a certificate of the chain is not for the purpose (26)
+    NameMismatch = 8,       // host name, IP address or e-mail address not in the leaf (62, 63, 64)
+    PurposeMismatch = 9,    // a certificate of the chain is not for the purpose (26)
+    ProfileViolation = 11,  // the chain breaks a rule of the requested profile
 };
 
 // Whether, when and under which serial number a certificate was revoked.
