@@ -29,18 +29,12 @@ const std::vector<certinfo::Command>& commands() {
          "           [--purpose any|tls-server|tls-client|code-signing|email-protection|\n"
          "           time-stamping] [--extended-keys] [--repeat N] [--signature-cache ENTRIES]",
          "validate a certificate against a chain and trusted certificates (default: the\n"
-         "      system's), optionally checking revocation lists fetched over HTTP or given as
-         "
-         "      files (then offline, leaf only, unless --crl chain / --download say otherwise),
-         "
-         "      the leaf's names, the chain's purpose and the time to judge it at; the
-         "
-         "      timeouts, size limit and --every-cdp switch to bounded downloads;
-         "
-         "      --extended-keys accepts P-384, P-521 and Ed448 keys too; --repeat validates N
-         "
-         "      times and prints the time each took and the signature cache's counts, whose
-         "
+         "      system's), optionally checking revocation lists fetched over HTTP or given as\n"
+         "      files (then offline, leaf only, unless --crl chain / --download say otherwise),\n"
+         "      the leaf's names, the chain's purpose and the time to judge it at; the\n"
+         "      timeouts, size limit and --every-cdp switch to bounded downloads;\n"
+         "      --extended-keys accepts P-384, P-521 and Ed448 keys too; --repeat validates N\n"
+         "      times and prints the time each took and the signature cache's counts, whose\n"
          "      room --signature-cache sets (0: off); exit 0 when valid, 1 when not",
          certinfo::runVerify},
         {"crl", "crl FILE [--issuer CERT]",
