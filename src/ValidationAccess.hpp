@@ -35,6 +35,13 @@ struct ValidationAccess {
     static const ByteArray& ipAddress(const Options& o) { return o.ipAddress; }
     static const std::string& emailAddress(const Options& o) { return o.emailAddress; }
     static CertificatePurpose purpose(const Options& o) { return o.purpose; }
+    static const std::optional<CertificatePolicySettings>& policies(const Options& o) {
+        return o.policies;
+    }
+
+    static void setValidPolicies(CertificateValidationResults& r, std::vector<std::string> p) {
+        r.validPolicies = std::move(p);
+    }
 };
 
 }  // namespace foundation::certificates::detail

@@ -27,7 +27,9 @@ const std::vector<certinfo::Command>& commands() {
          "           [--exchange-timeout MS] [--max-crl-bytes N] [--every-cdp]\n"
          "           [--host NAME] [--ip ADDRESS] [--email ADDRESS] [--at ISO-8601-TIME]\n"
          "           [--purpose any|tls-server|tls-client|code-signing|email-protection|\n"
-         "           time-stamping] [--extended-keys] [--repeat N] [--signature-cache ENTRIES]",
+         "           time-stamping] [--extended-keys] [--repeat N] [--signature-cache ENTRIES]\n"
+         "           [--policy OID]... [--require-explicit-policy] [--inhibit-policy-mapping]\n"
+         "           [--inhibit-any-policy]",
          "validate a certificate against a chain and trusted certificates (default: the\n"
          "      system's), optionally checking revocation lists fetched over HTTP or given as\n"
          "      files (then offline, leaf only, unless --crl chain / --download say otherwise),\n"
@@ -35,7 +37,9 @@ const std::vector<certinfo::Command>& commands() {
          "      timeouts, size limit and --every-cdp switch to bounded downloads;\n"
          "      --extended-keys accepts P-384, P-521 and Ed448 keys too; --repeat validates N\n"
          "      times and prints the time each took and the signature cache's counts, whose\n"
-         "      room --signature-cache sets (0: off); exit 0 when valid, 1 when not",
+         "      room --signature-cache sets (0: off); the --policy options and the three policy\n"
+         "      switches check certificate policies and print the chain's valid policies\n"
+         "      (--policy may repeat; none given: any policy); exit 0 when valid, 1 when not",
          certinfo::runVerify},
         {"crl", "crl FILE [--issuer CERT]",
          "print a revocation list (PEM or DER) and its entries; with --issuer, whether that\n"
