@@ -180,7 +180,9 @@ TEST_P(PkitsTest, EveryVerdictInEveryMode) {
             loaded.intermediates, optionsFor(c, lists, policy), loaded.trustAnchor);
         const Status status = results.getCertificateChainStatus();
         const int raw = rawVerdict(c, lists, policy);
-        if (policy == nullptr) EXPECT_TRUE(results.getValidPolicies().empty());
+        if (policy == nullptr) {
+            EXPECT_TRUE(results.getValidPolicies().empty());
+        }
         EXPECT_EQ(status == Status::Valid, raw == X509_V_OK)
             << "OpenSSL's error " << raw << "; " << results.getValidationErrorString();
 
