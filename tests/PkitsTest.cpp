@@ -203,6 +203,10 @@ TEST_P(PkitsTest, EveryVerdictInEveryMode) {
         if (c.revocationCase) {
             EXPECT_EQ(status == Status::Revoked, kRevokedCases.count(c.id) == 1)
                 << results.getValidationErrorString();
+            if (status == Status::Revoked) {
+                EXPECT_EQ(results.getCertificateRevocationResults().getRevocationStatus(),
+                          fc::CertificateRevocationResults::RevocationStatus::Revoked);
+            }
         }
         if (inSections(c.id, {"4.13"})) {
             EXPECT_NE(status, Status::CRLError);
