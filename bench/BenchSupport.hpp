@@ -165,5 +165,6 @@ void registerStoreBenchmarks();
 void registerContainerBenchmarks();
 void registerSignatureCacheBenchmarks();
 void registerRevocationBenchmarks();
+void registerPolicyBenchmarks();
 
 }  // namespace bench
