@@ -31,10 +31,9 @@ const std::vector<std::string> kLists = {"TrustAnchorRootCRL.crl", "P12Mapping1t
 constexpr char kAnchor[] = "TrustAnchorRootCertificate.crt";
 constexpr char kPolicy2[] = "2.16.840.1.101.3.2.1.48.2";
 constexpr time_t kAt = 1325376000;  // 2012-01-01, inside every window of the path
-constexpr unsigned long kFlags =
-    X509_V_FLAG_X509_STRICT | X509_V_FLAG_ALLOW_PROXY_CERTS | X509_V_FLAG_CHECK_SS_SIGNATURE |
-    X509_V_FLAG_TRUSTED_FIRST | X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL |
-    X509_V_FLAG_EXTENDED_CRL_SUPPORT | X509_V_FLAG_USE_DELTAS | X509_V_FLAG_POLICY_CHECK;
+constexpr unsigned long kFlags = kVerifyFlags | X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL |
+                                 X509_V_FLAG_EXTENDED_CRL_SUPPORT | X509_V_FLAG_USE_DELTAS |
+                                 X509_V_FLAG_POLICY_CHECK;
 
 ByteArray readFile(const std::string& relative) {
     const std::string path = std::string(FOUNDATION_PKITS_DIR) + "/" + relative;
