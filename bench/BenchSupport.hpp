@@ -173,5 +173,6 @@ void registerStoreBenchmarks();
 void registerContainerBenchmarks();
 void registerSignatureCacheBenchmarks();
 void registerRevocationBenchmarks();
+void registerPolicyBenchmarks();
 
 }  // namespace bench

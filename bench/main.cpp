@@ -34,6 +34,7 @@ int main(int argc, char** argv) {
         bench::registerContainerBenchmarks();
         bench::registerSignatureCacheBenchmarks();
         bench::registerRevocationBenchmarks();
+        bench::registerPolicyBenchmarks();
 
         benchmark::Initialize(&argc, argv);
         if (benchmark::ReportUnrecognizedArguments(argc, argv)) {

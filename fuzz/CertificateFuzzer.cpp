@@ -50,6 +50,7 @@ void exercise(const fc::X509Certificate& certificate) {
     tolerate([&] { sink << certificate.getCAIssuers().size(); });
     tolerate([&] { sink << certificate.getKeyUsage().size(); });
     tolerate([&] { sink << certificate.getExtendedKeyUsage().size(); });
+    tolerate([&] { sink << certificate.getCertificatePolicies().size(); });
     tolerate([&] { sink << certificate.getPathLengthConstraint().value_or(-1); });
     tolerate([&] { sink << certificate.getSubjectKeyIdentifier().size(); });
     tolerate([&] { sink << certificate.getAuthorityKeyIdentifier().size(); });

@@ -73,4 +73,15 @@ std::string asn1IntegerToDecimalString(const ASN1_INTEGER* integer) {
     return std::string(text.get());
 }
 
+// Arcs can be arbitrarily long; OBJ_obj2txt says how long the whole text is.
+std::string dottedOID(const ASN1_OBJECT* object) {
+    char buffer[128] = {};
+    const int length = OBJ_obj2txt(buffer, sizeof buffer, object, 1);
+    if (length < static_cast<int>(sizeof buffer)) return buffer;
+    std::string longer(static_cast<std::size_t>(length) + 1, '\0');
+    OBJ_obj2txt(&longer[0], length + 1, object, 1);
+    longer.resize(static_cast<std::size_t>(length));
+    return longer;
+}
+
 }  // namespace foundation::certificates::detail

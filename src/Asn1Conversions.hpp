@@ -28,4 +28,7 @@ TimePoint asn1TimeToTimePoint(const ASN1_TIME* time);
 // Decimal text of the integer. Throws X509CertificateException when it cannot be converted.
 std::string asn1IntegerToDecimalString(const ASN1_INTEGER* integer);
 
+// An object identifier as dotted decimal arcs, whatever its length.
+std::string dottedOID(const ASN1_OBJECT* object);
+
 }  // namespace foundation::certificates::detail

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstring>
 #include <utility>
+#include <vector>
 
 namespace foundation::certificates {
 
@@ -54,6 +55,24 @@ bool isLocalPart(const std::string& local) {
     return std::all_of(local.begin(), local.end(), [](char c) {
         return isAsciiAlnum(c) || c == '.' || (c != '\0' && std::strchr(kSpecials, c) != nullptr);
     });
+}
+
+// Dotted decimal arcs as RFC 5280 writes object identifiers: at least two, the first 0, 1 or 2,
+// the second below 40 under 0 and 1, no empty arc and no leading zero.
+bool isDottedOID(const std::string& text) {
+    std::vector<std::string> arcs;
+    std::size_t start = 0;
+    for (std::size_t dot; (dot = text.find('.', start)) != std::string::npos; start = dot + 1) {
+        arcs.push_back(text.substr(start, dot - start));
+    }
+    arcs.push_back(text.substr(start));
+    const auto wellFormed = [](const std::string& arc) {
+        return !arc.empty() && std::all_of(arc.begin(), arc.end(), isDigit) &&
+               (arc.size() == 1 || arc[0] != '0');
+    };
+    if (arcs.size() < 2 || !std::all_of(arcs.begin(), arcs.end(), wellFormed)) return false;
+    if (arcs[0].size() != 1 || arcs[0][0] > '2') return false;
+    return arcs[0][0] == '2' || arcs[1].size() == 1 || (arcs[1].size() == 2 && arcs[1] < "40");
 }
 
 }  // namespace
@@ -144,6 +163,17 @@ CertificateValidationOptions& CertificateValidationOptions::withProfile(Validati
                               std::to_string(static_cast<std::uint32_t>(profile)) + ".");
     }
     this->profile = profile;
+    return *this;
+}
+
+CertificateValidationOptions& CertificateValidationOptions::withPolicyCheck(
+    CertificatePolicySettings settings) {
+    for (const std::string& oid : settings.initialPolicies) {
+        if (!isDottedOID(oid)) {
+            throw InvalidArgument("The policy \"" + oid + "\" is not a dotted object identifier.");
+        }
+    }
+    policies = std::move(settings);
     return *this;
 }
 

@@ -229,10 +229,11 @@ CertificateRevocationResults revocationDetailsFromLists(
     for (const X509Certificate& level : workingList) {
         const X509SPtr certificate = parsedCertificate(level);
         for (const CertificateRevocationList& list : lists) {
-            if (!issuedBy(list, certificate.get())) continue;
+            // By serial number and issuer: the list's own issuer, or on an indirect list the
+            // entry's certificate issuer.
             X509_REVOKED* entry = nullptr;
-            if (X509_CRL_get0_by_serial(RevocationListAccess::shared(list), &entry,
-                                        X509_get0_serialNumber(certificate.get())) == 1 &&
+            if (X509_CRL_get0_by_cert(RevocationListAccess::shared(list), &entry,
+                                      certificate.get()) == 1 &&
                 entry != nullptr) {
                 return CertificateRevocationResults(
                     CertificateRevocationResults::RevocationStatus::Revoked,

@@ -44,6 +44,14 @@ struct ValidationAccess {
         if (o.purpose == CertificatePurpose::Any) o.purpose = CertificatePurpose::TLSServer;
         return o;
     }
+
+    static const std::optional<CertificatePolicySettings>& policies(const Options& o) {
+        return o.policies;
+    }
+
+    static void setValidPolicies(CertificateValidationResults& r, std::vector<std::string> p) {
+        r.validPolicies = std::move(p);
+    }
 };
 
 }  // namespace foundation::certificates::detail

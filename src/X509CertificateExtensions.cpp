@@ -1,4 +1,5 @@
 // The X.509 v3 extensions of a certificate, decoded into plain values.
+#include "Asn1Conversions.hpp"
 #include "OpenSSLErrors.hpp"
 #include "OpenSSLPtr.hpp"
 #include "X509CertificateImpl.hpp"
@@ -152,11 +153,19 @@ std::vector<std::string> X509CertificateImpl::getExtendedKeyUsage() const {
             names.emplace_back(OBJ_nid2sn(nid));
             continue;
         }
-        char dotted[128] = {};
-        OBJ_obj2txt(dotted, sizeof dotted, purpose, 1);
-        names.emplace_back(dotted);
+        names.push_back(detail::dottedOID(purpose));
     }
     return names;
+}
+
+std::vector<std::string> X509CertificateImpl::getCertificatePolicies() const {
+    throwIfEmpty();
+    const auto policies = decoded<CERTIFICATEPOLICIES>(certificate.get(), NID_certificate_policies);
+    std::vector<std::string> oids;
+    for (int i = 0; policies && i < sk_POLICYINFO_num(policies.get()); ++i) {
+        oids.push_back(detail::dottedOID(sk_POLICYINFO_value(policies.get(), i)->policyid));
+    }
+    return oids;
 }
 
 std::optional<long> X509CertificateImpl::getPathLengthConstraint() const {

@@ -80,6 +80,7 @@ class X509CertificateImpl {
     std::vector<std::string> getCAIssuers() const;
     std::vector<X509Certificate::KeyUsage> getKeyUsage() const;
     std::vector<std::string> getExtendedKeyUsage() const;
+    std::vector<std::string> getCertificatePolicies() const;
     std::optional<long> getPathLengthConstraint() const;
     ByteArray getSubjectKeyIdentifier() const;
     ByteArray getAuthorityKeyIdentifier() const;

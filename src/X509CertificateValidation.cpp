@@ -20,6 +20,7 @@
 #include <openssl/x509_vfy.h>
 #include <openssl/x509v3.h>
 
+#include <algorithm>
 #include <chrono>
 #include <climits>
 
@@ -147,6 +148,12 @@ CertificateValidationResults resultsFor(X509_STORE_CTX* context, const Options& 
                 return {CertificateChainStatus::PurposeMismatch, verificationErrorText(context)};
             }
             break;
+        case X509_V_ERR_INVALID_POLICY_EXTENSION:
+        case X509_V_ERR_NO_EXPLICIT_POLICY:
+            if (ValidationAccess::policies(options)) {
+                return {CertificateChainStatus::PolicyMismatch, verificationErrorText(context)};
+            }
+            break;
         default:
             break;
     }
@@ -227,6 +234,26 @@ int openSSLPurpose(CertificatePurpose purpose) {
     return 0;
 }
 
+// OpenSSL given no initial set keeps no user-constrained set at all, and then refuses every
+// chain that must carry an explicit policy; anyPolicy must be named.
+bool applyPolicySettings(X509_VERIFY_PARAM* param, const CertificatePolicySettings& settings) {
+    unsigned long flags = X509_V_FLAG_POLICY_CHECK;
+    if (settings.requireExplicitPolicy) flags |= X509_V_FLAG_EXPLICIT_POLICY;
+    if (settings.inhibitPolicyMapping) flags |= X509_V_FLAG_INHIBIT_MAP;
+    if (settings.inhibitAnyPolicy) flags |= X509_V_FLAG_INHIBIT_ANY;
+    static const std::vector<std::string> anyPolicy{"2.5.29.32.0"};
+    const std::vector<std::string>& initial =
+        settings.initialPolicies.empty() ? anyPolicy : settings.initialPolicies;
+    for (const std::string& oid : initial) {
+        ASN1_OBJECT* policy = OBJ_txt2obj(oid.c_str(), 1);
+        if (policy == nullptr || X509_VERIFY_PARAM_add0_policy(param, policy) != 1) {
+            ASN1_OBJECT_free(policy);
+            return false;
+        }
+    }
+    return X509_VERIFY_PARAM_set_flags(param, flags) == 1;
+}
+
 // The caller's requirements on the context's parameters; nothing for what was not set. The
 // e-mail address and code signing are checked by the verify callback.
 void applyRequirements(X509_VERIFY_PARAM* param, const Options& options) {
@@ -246,6 +273,9 @@ void applyRequirements(X509_VERIFY_PARAM* param, const Options& options) {
     }
     if (const int purpose = openSSLPurpose(ValidationAccess::purpose(options)); purpose != 0) {
         applied = applied && X509_VERIFY_PARAM_set_purpose(param, purpose) == 1;
+    }
+    if (const auto& policies = ValidationAccess::policies(options)) {
+        applied = applied && applyPolicySettings(param, *policies);
     }
     if (!applied) {
         throw X509CertificateException(
@@ -313,6 +343,22 @@ bool anotherPathMayHelp(int error, int depth) {
         default:
             return depth > 0;
     }
+}
+
+// The user-constrained policy set of a verified chain; anyPolicy when the caller's initial set
+// was anyPolicy and the chain kept it.
+std::vector<std::string> validPolicies(X509_STORE_CTX* context) {
+    std::vector<std::string> oids;
+    const X509_POLICY_TREE* tree = X509_STORE_CTX_get0_policy_tree(context);
+    STACK_OF(X509_POLICY_NODE)* nodes = X509_policy_tree_get0_user_policies(tree);
+    for (int i = 0; i < sk_X509_POLICY_NODE_num(nodes); ++i) {
+        const ASN1_OBJECT* policy =
+            X509_policy_node_get0_policy(sk_X509_POLICY_NODE_value(nodes, i));
+        if (policy == nullptr) continue;
+        std::string oid = detail::dottedOID(policy);
+        if (std::find(oids.begin(), oids.end(), oid) == oids.end()) oids.push_back(std::move(oid));
+    }
+    return oids;
 }
 
 bool sameCertificate(const X509Certificate& certificate, const X509* x509) {
@@ -395,6 +441,12 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain,
         } else if (ValidationAccess::checkCRL(options) == Options::CheckCRL::FullChain) {
             flags |= X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL;
         }
+        // The caller's and the bounded fetcher's lists are judged by the full rules:
+        // distribution-point scope, indirect lists, reason partitions and deltas. They reach
+        // the context, where OpenSSL also finds an indirect list's issuer.
+        if (listsForContext && (flags & X509_V_FLAG_CRL_CHECK) != 0) {
+            flags |= X509_V_FLAG_EXTENDED_CRL_SUPPORT | X509_V_FLAG_USE_DELTAS;
+        }
     }
 
     const detail::OpenSSLPtr<STACK_OF(X509_CRL)> contextCrls = crlStack(contextLists);
@@ -474,6 +526,9 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain,
     }
     if (accepted) {
         results = CertificateValidationResults(CertificateChainStatus::Valid, "");
+        if (ValidationAccess::policies(options)) {
+            ValidationAccess::setValidPolicies(results, validPolicies(context.get()));
+        }
         const X509StackUPtr verified = makeX509StackUPtr(X509_STORE_CTX_get1_chain(context.get()));
         const int length = verified ? sk_X509_num(verified.get()) : 0;
         if (length <= 0) throw X509CertificateException("Invalid certificate chain length.\n");

@@ -93,6 +93,8 @@ void describeExtensions(const fc::X509Certificate& certificate, std::ostream& ou
     line(out, "OCSP responders:     ", [&] { return joined(certificate.getOCSPResponders()); });
     line(out, "CA issuers:          ", [&] { return joined(certificate.getCAIssuers()); });
     line(out,
+         "Policies:            ", [&] { return joined(certificate.getCertificatePolicies()); });
+    line(out,
          "Subject key id:      ", [&] { return hexOrNone(certificate.getSubjectKeyIdentifier()); });
     line(out, "Authority key id:    ", [&] {
         return hexOrNone(certificate.getAuthorityKeyIdentifier());

@@ -136,6 +136,13 @@ void addRequirements(const Arguments& args, Options& options) {
             }
             options.withProfile(chosen);
         }
+        const std::vector<std::string> policies = args.values("policy");
+        if (!policies.empty() || args.flag("require-explicit-policy") ||
+            args.flag("inhibit-policy-mapping") || args.flag("inhibit-any-policy")) {
+            options.withPolicyCheck({policies, args.flag("require-explicit-policy"),
+                                     args.flag("inhibit-policy-mapping"),
+                                     args.flag("inhibit-any-policy")});
+        }
     } catch (const fc::InvalidArgument& e) {
         throw UsageError(e.what());
     }
@@ -165,6 +172,8 @@ const char* chainStatusName(fc::CertificateChainStatus status) {
             return "NameMismatch";
         case fc::CertificateChainStatus::PurposeMismatch:
             return "PurposeMismatch";
+        case fc::CertificateChainStatus::PolicyMismatch:
+            return "PolicyMismatch";
         case fc::CertificateChainStatus::ProfileViolation:
             return "ProfileViolation";
     }
@@ -222,6 +231,12 @@ bool describeValidation(const fc::CertificateValidationResults& results, std::os
     } else {
         out << "Revocation: not revoked (or not checked)\n";
     }
+    const std::vector<std::string> policies = results.getValidPolicies();
+    if (!policies.empty()) {
+        out << "Valid policies:";
+        for (const std::string& policy : policies) out << ' ' << policy;
+        out << '\n';
+    }
     return status == fc::CertificateChainStatus::Valid;
 }
 
@@ -230,8 +245,9 @@ int runVerify(const std::vector<std::string>& words, std::ostream& out) {
         words,
         {"chain", "trust", "crl", "download", "connect-timeout", "exchange-timeout",
          "max-crl-bytes", "host", "ip", "email", "at", "purpose", "repeat", "signature-cache",
-         "profile"},
-        {"allow-self-signed", "allow-expired", "allow-revoked", "every-cdp", "extended-keys"});
+         "policy", "profile"},
+        {"allow-self-signed", "allow-expired", "allow-revoked", "every-cdp", "extended-keys",
+         "require-explicit-policy", "inhibit-policy-mapping", "inhibit-any-policy"});
     args.expectPositionalCount(1, 1);
     applyKeyAcceptance(args);  // before anything is loaded: it decides what loads
     const std::string data = readInput(args.positional(0, "certificate file"));

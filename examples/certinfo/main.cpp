@@ -28,7 +28,8 @@ const std::vector<certinfo::Command>& commands() {
          "           [--host NAME] [--ip ADDRESS] [--email ADDRESS] [--at ISO-8601-TIME]\n"
          "           [--purpose any|tls-server|tls-client|code-signing|email-protection|\n"
          "           time-stamping] [--profile rfc5280|webpki] [--extended-keys] [--repeat N]\n"
-         "           [--signature-cache ENTRIES]",
+         "           [--signature-cache ENTRIES] [--policy OID]... [--require-explicit-policy]\n"
+         "           [--inhibit-policy-mapping] [--inhibit-any-policy]",
          "validate a certificate against a chain and trusted certificates (default: the\n"
          "      system's), optionally checking revocation lists fetched over HTTP or given as\n"
          "      files (then offline, leaf only, unless --crl chain / --download say otherwise),\n"
@@ -38,7 +39,9 @@ const std::vector<certinfo::Command>& commands() {
          "      rule and depth that failed;\n"
          "      --extended-keys accepts P-384, P-521 and Ed448 keys too; --repeat validates N\n"
          "      times and prints the time each took and the signature cache's counts, whose\n"
-         "      room --signature-cache sets (0: off); exit 0 when valid, 1 when not",
+         "      room --signature-cache sets (0: off); the --policy options and the three policy\n"
+         "      switches check certificate policies and print the chain's valid policies\n"
+         "      (--policy may repeat; none given: any policy); exit 0 when valid, 1 when not",
          certinfo::runVerify},
         {"crl", "crl FILE [--issuer CERT]",
          "print a revocation list (PEM or DER) and its entries; with --issuer, whether that\n"

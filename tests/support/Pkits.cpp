@@ -75,6 +75,8 @@ fc::ByteArray certificateDER(const std::string& file) {
 
 fc::ByteArray crlDER(const std::string& file) { return readFile(directory() + "crls/" + file); }
 
+std::string certificatePath(const std::string& file) { return directory() + "certs/" + file; }
+
 fc::X509UPtr rawCertificate(const std::string& file) {
     const fc::ByteArray der = certificateDER(file);
     const unsigned char* p = der.data();

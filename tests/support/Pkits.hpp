@@ -42,6 +42,8 @@ std::chrono::system_clock::time_point validationTime();
 // A file's bytes; throws std::runtime_error when it cannot be read.
 foundation::certificates::ByteArray certificateDER(const std::string& file);
 foundation::certificates::ByteArray crlDER(const std::string& file);
+// Where a certificate file lies, for programs that read it themselves.
+std::string certificatePath(const std::string& file);
 
 // Raw OpenSSL objects for the same files, whatever their keys.
 foundation::certificates::X509UPtr rawCertificate(const std::string& file);

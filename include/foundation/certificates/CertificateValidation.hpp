@@ -43,6 +43,16 @@ struct RevocationFetchSettings {
     std::shared_ptr<CrlCache> cache;         // null = no cache
 };
 
+// The certificate policies a chain must carry (RFC 5280 path validation, sections 6.1.3 d-f, 6.1.4
+// and 6.1.5). A chain that ends with no acceptable policy is refused only when an explicit
+// policy is required, by the caller or by a certificate's policy constraints.
+struct CertificatePolicySettings {
+    std::vector<std::string> initialPolicies;  // dotted OIDs; empty = anyPolicy
+    bool requireExplicitPolicy = false;
+    bool inhibitPolicyMapping = false;
+    bool inhibitAnyPolicy = false;
+};
+
 // What a certificate chain must be good for. Any sets no requirement; each other value runs
 // OpenSSL's purpose check over the whole chain: the leaf's key usage and extended key usage, and
 // a CA's extended key usage where it has one.
@@ -132,6 +142,13 @@ class FOUNDATION_CERTIFICATES_EXPORT CertificateValidationOptions {
     // and implies CertificatePurpose::TLSServer when no purpose was set.
     CertificateValidationOptions& withProfile(ValidationProfile profile);
 
+    // Checks the chain's certificate policies under these settings. A chain without an
+    // acceptable policy, or with an invalid or inconsistent policy extension, gets
+    // PolicyMismatch; a valid one reports its policies (CertificateValidationResults::
+    // getValidPolicies). Throws InvalidArgument naming an initial policy that is not a dotted
+    // object identifier.
+    CertificateValidationOptions& withPolicyCheck(CertificatePolicySettings settings);
+
   private:
     friend struct detail::ValidationAccess;
 
@@ -150,6 +167,7 @@ class FOUNDATION_CERTIFICATES_EXPORT CertificateValidationOptions {
     std::vector<CertificateRevocationList> revocationLists;
     std::optional<RevocationFetchSettings> revocationFetch;
     ValidationProfile profile = ValidationProfile::RFC5280;
+    std::optional<CertificatePolicySettings> policies;
 };
 
 // The outcome of chain validation.
@@ -165,6 +183,7 @@ enum class CertificateChainStatus : std::uint32_t {
     // Only when the options ask for it:
     NameMismatch = 8,       // host name, IP address or e-mail address not in the leaf (62, 63, 64)
     PurposeMismatch = 9,    // a certificate of the chain is not for the purpose (26)
+    PolicyMismatch = 10,    // no acceptable policy, or a bad policy extension (42, 43)
     ProfileViolation = 11,  // the chain breaks a rule of the requested profile
 };
 
@@ -199,10 +218,18 @@ class FOUNDATION_CERTIFICATES_EXPORT CertificateValidationResults {
     CertificateRevocationResults getCertificateRevocationResults() const { return revocation; }
     void setCertificateRevocationResults(const CertificateRevocationResults& results);
 
+    // The user-constrained policy set of a valid chain, as dotted OIDs ("2.5.29.32.0" for
+    // anyPolicy); empty without CertificateValidationOptions::withPolicyCheck or when validation
+    // failed.
+    std::vector<std::string> getValidPolicies() const { return validPolicies; }
+
   private:
     CertificateChainStatus status;
     std::string validationErrorString;
     CertificateRevocationResults revocation;
+    std::vector<std::string> validPolicies;
+
+    friend struct detail::ValidationAccess;
 };
 
 // The outcome of a PKCS#7 signature check.

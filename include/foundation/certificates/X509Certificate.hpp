@@ -159,6 +159,9 @@ class FOUNDATION_CERTIFICATES_EXPORT X509Certificate {
     std::vector<KeyUsage> getKeyUsage() const;
     // OpenSSL's short names ("serverAuth"), or the dotted OID of a purpose OpenSSL cannot name.
     std::vector<std::string> getExtendedKeyUsage() const;
+    // The policy OIDs of the certificate policies extension, dotted ("2.5.29.32.0" for
+    // anyPolicy), in the certificate's order.
+    std::vector<std::string> getCertificatePolicies() const;
     // The basic constraints' pathLenConstraint.
     std::optional<long> getPathLengthConstraint() const;
     ByteArray getSubjectKeyIdentifier() const;
