@@ -8,6 +8,7 @@
 #include "RevocationListAccess.hpp"
 #include "StoreSnapshot.hpp"
 #include "ValidationAccess.hpp"
+#include "ValidationRecorder.hpp"
 #include "X509CertificateImpl.hpp"
 
 #include <foundation/certificates/Exceptions.hpp>
@@ -60,22 +61,8 @@ int ownRequirementError(X509* certificate, int depth, const Options& options) {
     return X509_V_OK;
 }
 
-// OpenSSL asks after every check; the options decide which failures are forgiven. It keeps no
-// state: the options come with the context, so concurrent validations do not meet here.
-int verifyCallback(int ok, X509_STORE_CTX* context) {
-    const auto* options = static_cast<const Options*>(X509_STORE_CTX_get_ex_data(context, 0));
-    // ok == 1 is OpenSSL's word that a certificate of the chain passed all its own checks.
-    X509* current = X509_STORE_CTX_get_current_cert(context);
-    if (ok == 1 && options != nullptr && current != nullptr) {
-        const int own =
-            ownRequirementError(current, X509_STORE_CTX_get_error_depth(context), *options);
-        if (own != X509_V_OK) {
-            X509_STORE_CTX_set_error(context, own);
-            return 0;
-        }
-    }
-    const int error = X509_STORE_CTX_get_error(context);
-    if (error == X509_V_OK) return 1;
+// Whether the options forgive the error OpenSSL reports: 1, or OpenSSL's own verdict.
+int forgive(int ok, int error, const Options* options) {
     if (options == nullptr) return ok;
     switch (error) {
         case X509_V_ERR_CERT_HAS_EXPIRED:
@@ -95,6 +82,33 @@ int verifyCallback(int ok, X509_STORE_CTX* context) {
         default:
             return ok;
     }
+}
+
+// OpenSSL asks after every check; the options decide which failures are forgiven. It keeps no
+// state: the options come with the context, so concurrent validations do not meet here.
+int verifyCallback(int ok, X509_STORE_CTX* context) {
+    const auto* options = static_cast<const Options*>(X509_STORE_CTX_get_ex_data(context, 0));
+    // ok == 1 is OpenSSL's word that a certificate of the chain passed all its own checks.
+    X509* current = X509_STORE_CTX_get_current_cert(context);
+    detail::ValidationRecorder* recorder = detail::ValidationRecorder::current();
+    if (ok == 1 && options != nullptr && current != nullptr) {
+        const int depth = X509_STORE_CTX_get_error_depth(context);
+        const int own = ownRequirementError(current, depth, *options);
+        if (own != X509_V_OK) {
+            X509_STORE_CTX_set_error(context, own);
+            if (recorder != nullptr) recorder->sawError(depth, own, false, true);
+            return 0;
+        }
+    }
+    const int error = X509_STORE_CTX_get_error(context);
+    if (error == X509_V_OK) return 1;
+    const int verdict = forgive(ok, error, options);
+    // With ok == 1 OpenSSL only signals a depth passed; the error it still carries was reported
+    // (and forgiven) before.
+    if (ok == 0 && recorder != nullptr) {
+        recorder->sawError(X509_STORE_CTX_get_error_depth(context), error, verdict == 1);
+    }
+    return verdict;
 }
 
 std::string verificationErrorText(X509_STORE_CTX* context) {
@@ -248,6 +262,7 @@ std::pair<std::optional<X509CertificateImpl>, CertificateValidationResults>
 X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const Options& options,
                                       const TrustStore& trustStore, AnchorCopy anchorCopy) const {
     throwIfEmpty();
+    detail::ValidationRecorder recorder;
     const detail::OpenSSLPtr<X509_STORE_CTX> context(X509_STORE_CTX_new());
     if (!context) {
         throw X509CertificateException("Internal Error: error creating X509_STORE_CTX object\n");
@@ -317,9 +332,11 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const O
     X509_STORE_CTX_set_verify_cb(context.get(), verifyCallback);
     X509_STORE_CTX_set_ex_data(context.get(), 0, const_cast<Options*>(&options));
 
+    const unsigned long crlFlags = flags & (X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL);
     CertificateValidationResults results(CertificateChainStatus::ValidationFailed, "");
     if (X509_verify_cert(context.get()) > 0) {
         results = CertificateValidationResults(CertificateChainStatus::Valid, "");
+        recorder.report(context.get(), certificate.get(), crlFlags, results);
         const X509StackUPtr verified = makeX509StackUPtr(X509_STORE_CTX_get1_chain(context.get()));
         const int length = verified ? sk_X509_num(verified.get()) : 0;
         if (length <= 0) throw X509CertificateException("Invalid certificate chain length.\n");
@@ -333,6 +350,7 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const O
         return {X509CertificateImpl::fromParsed(makeX509SPtr(anchor)), results};
     }
     results = resultsFor(context.get(), options);
+    recorder.report(context.get(), certificate.get(), crlFlags, results);
     if (X509_STORE_CTX_get_error(context.get()) == X509_V_ERR_CERT_REVOKED &&
         ValidationAccess::checkCRL(options) != Options::CheckCRL::None) {
         results.setCertificateRevocationResults(
