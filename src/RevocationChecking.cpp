@@ -207,6 +207,14 @@ bool gatherRevocationLists(Mode mode, Check check, const RevocationSources& sour
                            TimePoint now, std::vector<CertificateRevocationList>& lists) {
     lists = sources.supplied;
     const bool supplied = !lists.empty();
+    if (ValidationRecorder* recorder = ValidationRecorder::current(); recorder && supplied) {
+        for (const X509Certificate& level : workingList) {
+            const X509SPtr certificate = parsedCertificate(level);
+            if (coveredBy(sources.supplied, certificate.get())) {
+                recorder->listFor(certificate.get(), RevocationCheck::Source::SuppliedList, "");
+            }
+        }
+    }
     if (mode == Mode::No) return supplied;
 
     std::vector<X509SPtr> path;
@@ -224,11 +232,7 @@ bool gatherRevocationLists(Mode mode, Check check, const RevocationSources& sour
     std::vector<X509CRLUPtr> downloaded;
     for (std::size_t level = 0; level < levels; ++level) {
         X509* certificate = path[level].get();
-        if (coveredBy(sources.supplied, certificate)) {
-            if (ValidationRecorder* recorder = ValidationRecorder::current()) {
-                recorder->listFor(certificate, RevocationCheck::Source::SuppliedList, "");
-            }
-        } else {
+        if (!coveredBy(sources.supplied, certificate)) {
             X509* issuer = level + 1 < path.size() ? path[level + 1].get() : root.get();
             EVP_PKEYUPtr issuerKey = makeEVP_PKEYUPtr(X509_get_pubkey(issuer));
             std::optional<CertificateRevocationList> list;
