@@ -214,7 +214,8 @@ int runVerify(const std::vector<std::string>& words, std::ostream& out) {
         words,
         {"chain", "trust", "crl", "download", "connect-timeout", "exchange-timeout",
          "max-crl-bytes", "host", "ip", "email", "at", "purpose"},
-        {"allow-self-signed", "allow-expired", "allow-revoked", "every-cdp", "extended-keys"});
+        {"allow-self-signed", "allow-expired", "allow-revoked", "every-cdp", "extended-keys",
+         "explain"});
     args.expectPositionalCount(1, 1);
     applyKeyAcceptance(args);  // before anything is loaded: it decides what loads
     const std::string data = readInput(args.positional(0, "certificate file"));
@@ -245,8 +246,10 @@ int runVerify(const std::vector<std::string>& words, std::ostream& out) {
     addRequirements(args, options);
 
     out << "Certificate: " << certificate.getSubjectName() << '\n';
-    const bool valid =
-        describeValidation(certificate.validateCertificate(chain, options, trustStore), out);
+    const fc::CertificateValidationResults results =
+        certificate.validateCertificate(chain, options, trustStore);
+    const bool valid = describeValidation(results, out);
+    if (args.flag("explain")) out << "\nHow it was decided:\n" << results;
     return valid ? kExitOk : kExitNegative;
 }
 
