@@ -61,8 +61,22 @@ int ownRequirementError(X509* certificate, int depth, const Options& options) {
     return X509_V_OK;
 }
 
-// Whether the options forgive the error OpenSSL reports: 1, or OpenSSL's own verdict.
-int forgive(int ok, int error, const Options* options) {
+// OpenSSL asks after every check; the options decide which failures are forgiven. It keeps no
+// state: the options come with the context, so concurrent validations do not meet here.
+int verifyCallback(int ok, X509_STORE_CTX* context) {
+    const auto* options = static_cast<const Options*>(X509_STORE_CTX_get_ex_data(context, 0));
+    // ok == 1 is OpenSSL's word that a certificate of the chain passed all its own checks.
+    X509* current = X509_STORE_CTX_get_current_cert(context);
+    if (ok == 1 && options != nullptr && current != nullptr) {
+        const int own =
+            ownRequirementError(current, X509_STORE_CTX_get_error_depth(context), *options);
+        if (own != X509_V_OK) {
+            X509_STORE_CTX_set_error(context, own);
+            return 0;
+        }
+    }
+    const int error = X509_STORE_CTX_get_error(context);
+    if (error == X509_V_OK) return 1;
     if (options == nullptr) return ok;
     switch (error) {
         case X509_V_ERR_CERT_HAS_EXPIRED:
@@ -84,29 +98,19 @@ int forgive(int ok, int error, const Options* options) {
     }
 }
 
-// OpenSSL asks after every check; the options decide which failures are forgiven. It keeps no
-// state: the options come with the context, so concurrent validations do not meet here.
-int verifyCallback(int ok, X509_STORE_CTX* context) {
-    const auto* options = static_cast<const Options*>(X509_STORE_CTX_get_ex_data(context, 0));
-    // ok == 1 is OpenSSL's word that a certificate of the chain passed all its own checks.
-    X509* current = X509_STORE_CTX_get_current_cert(context);
+// The same verdicts, with what OpenSSL reported and what the options made of it kept for the
+// results' report.
+int explainingCallback(int ok, X509_STORE_CTX* context) {
+    const int reported = X509_STORE_CTX_get_error(context);
+    const int verdict = verifyCallback(ok, context);
     detail::ValidationRecorder* recorder = detail::ValidationRecorder::current();
-    if (ok == 1 && options != nullptr && current != nullptr) {
-        const int depth = X509_STORE_CTX_get_error_depth(context);
-        const int own = ownRequirementError(current, depth, *options);
-        if (own != X509_V_OK) {
-            X509_STORE_CTX_set_error(context, own);
-            if (recorder != nullptr) recorder->sawError(depth, own, false, true);
-            return 0;
-        }
-    }
-    const int error = X509_STORE_CTX_get_error(context);
-    if (error == X509_V_OK) return 1;
-    const int verdict = forgive(ok, error, options);
-    // With ok == 1 OpenSSL only signals a depth passed; the error it still carries was reported
-    // (and forgiven) before.
-    if (ok == 0 && recorder != nullptr) {
-        recorder->sawError(X509_STORE_CTX_get_error_depth(context), error, verdict == 1);
+    if (recorder == nullptr) return verdict;
+    const int depth = X509_STORE_CTX_get_error_depth(context);
+    if (ok == 0 && reported != X509_V_OK) {
+        recorder->sawError(depth, reported, verdict == 1);
+    } else if (ok == 1 && verdict == 0) {
+        // A requirement of ours failed where OpenSSL saw none; it runs with OpenSSL's last checks.
+        recorder->sawError(depth, X509_STORE_CTX_get_error(context), false, true);
     }
     return verdict;
 }
@@ -329,7 +333,7 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const O
         throw X509CertificateException("Failed to set the flags to X509 parameters");
     }
     applyRequirements(X509_STORE_CTX_get0_param(context.get()), options);
-    X509_STORE_CTX_set_verify_cb(context.get(), verifyCallback);
+    X509_STORE_CTX_set_verify_cb(context.get(), explainingCallback);
     X509_STORE_CTX_set_ex_data(context.get(), 0, const_cast<Options*>(&options));
 
     const unsigned long crlFlags = flags & (X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL);
