@@ -1,8 +1,12 @@
 #include "ValidationRecorder.hpp"
 
 #include "Asn1Conversions.hpp"
+#include "OpenSSLPtr.hpp"
 #include "X509CertificateImpl.hpp"
 
+#include <foundation/certificates/Encodings.hpp>
+
+#include <openssl/evp.h>
 #include <openssl/x509v3.h>
 
 #include <algorithm>
@@ -59,15 +63,41 @@ bool comesAfterRevocation(int code) {
     }
 }
 
-CertificateCheck describe(int depth, const X509* certificate) {
-    CertificateCheck check;
-    check.depth = depth;
-    if (certificate != nullptr) {
-        check.subject = nameToString(X509_get_subject_name(certificate));
-        check.issuer = nameToString(X509_get_issuer_name(certificate));
-        check.sha256Fingerprint = sha256Fingerprint(certificate);
+// Fetched once: the digest by name would be looked up in the providers at every call.
+const EVP_MD* sha256() {
+    static const OpenSSLPtr<EVP_MD> fetched(EVP_MD_fetch(nullptr, "SHA256", nullptr));
+    return fetched ? fetched.get() : EVP_sha256();
+}
+
+std::string fingerprint(const X509* certificate) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    if (X509_digest(certificate, sha256(), digest, &length) != 1) return {};
+    return hexEncode(ByteArray(digest, digest + length));
+}
+
+// Names are printed once: a certificate's issuer is usually the next one's subject.
+std::vector<CertificateCheck> describe(const std::vector<const X509*>& certificates) {
+    std::vector<CertificateCheck> checks(certificates.size());
+    for (std::size_t depth = 0; depth < certificates.size(); ++depth) {
+        checks[depth].depth = static_cast<int>(depth);
+        if (const X509* certificate = certificates[depth]) {
+            checks[depth].subject = nameToString(X509_get_subject_name(certificate));
+            checks[depth].sha256Fingerprint = fingerprint(certificate);
+        }
     }
-    return check;
+    for (std::size_t depth = 0; depth < certificates.size(); ++depth) {
+        const X509* certificate = certificates[depth];
+        if (certificate == nullptr) continue;
+        const X509_NAME* issuer = X509_get_issuer_name(certificate);
+        const std::size_t next = depth + 1 < certificates.size() ? depth + 1 : depth;
+        const X509* candidate = certificates[next];
+        checks[depth].issuer =
+            candidate != nullptr && X509_NAME_cmp(X509_get_subject_name(candidate), issuer) == 0
+                ? checks[next].subject
+                : nameToString(issuer);
+    }
+    return checks;
 }
 
 }  // namespace
@@ -94,7 +124,6 @@ void ValidationRecorder::listFor(const X509* certificate, RevocationCheck::Sourc
 
 void ValidationRecorder::report(X509_STORE_CTX* context, X509* leaf, unsigned long crlFlags,
                                 CertificateValidationResults& results) {
-    std::vector<CertificateCheck> checks;
     const STACK_OF(X509)* path = X509_STORE_CTX_get0_chain(context);
     const int length = path != nullptr ? sk_X509_num(path) : 0;
     std::vector<const X509*> certificates;
@@ -106,9 +135,7 @@ void ValidationRecorder::report(X509_STORE_CTX* context, X509* leaf, unsigned lo
             certificates.push_back(nullptr);
         }
     }
-    for (std::size_t depth = 0; depth < certificates.size(); ++depth) {
-        checks.push_back(describe(static_cast<int>(depth), certificates[depth]));
-    }
+    std::vector<CertificateCheck> checks = describe(certificates);
 
     for (const SeenError& error : errors) {
         checks[static_cast<std::size_t>(error.depth)].errors.push_back(
