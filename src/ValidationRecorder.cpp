@@ -10,6 +10,9 @@
 #include <openssl/x509v3.h>
 
 #include <algorithm>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
 
 namespace foundation::certificates::detail {
 
@@ -69,35 +72,59 @@ const EVP_MD* sha256() {
     return fetched ? fetched.get() : EVP_sha256();
 }
 
-std::string fingerprint(const X509* certificate) {
+struct Description {
+    std::string subject, issuer, fingerprint;
+};
+
+Description describe(const X509* certificate) {
+    Description description;
+    description.subject = nameToString(X509_get_subject_name(certificate));
+    description.issuer =
+        X509_NAME_cmp(X509_get_subject_name(certificate), X509_get_issuer_name(certificate)) == 0
+            ? description.subject
+            : nameToString(X509_get_issuer_name(certificate));
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
-    if (X509_digest(certificate, sha256(), digest, &length) != 1) return {};
-    return hexEncode(ByteArray(digest, digest + length));
+    if (X509_digest(certificate, sha256(), digest, &length) == 1) {
+        description.fingerprint = hexEncode(ByteArray(digest, digest + length));
+    }
+    return description;
 }
 
-// Names are printed once: a certificate's issuer is usually the next one's subject.
-std::vector<CertificateCheck> describe(const std::vector<const X509*>& certificates) {
-    std::vector<CertificateCheck> checks(certificates.size());
-    for (std::size_t depth = 0; depth < certificates.size(); ++depth) {
-        checks[depth].depth = static_cast<int>(depth);
-        if (const X509* certificate = certificates[depth]) {
-            checks[depth].subject = nameToString(X509_get_subject_name(certificate));
-            checks[depth].sha256Fingerprint = fingerprint(certificate);
+void freeDescription(void*, void* description, CRYPTO_EX_DATA*, int, long, void*) {
+    delete static_cast<Description*>(description);
+}
+
+// Printing names and hashing costs more than the rest of the report together, and the same
+// certificates (trusted roots, intermediates, a leaf validated again) come back validation after
+// validation. So each parsed certificate keeps its description until it is freed. Our lock
+// guards the slot: OpenSSL's ex_data is not safe for a writer beside readers.
+int descriptionSlot() {
+    static const int slot = X509_get_ex_new_index(0, nullptr, nullptr, nullptr, freeDescription);
+    return slot;
+}
+std::shared_mutex descriptionsLock;
+
+Description described(const X509* certificate) {
+    const int slot = descriptionSlot();
+    if (slot < 0) return describe(certificate);
+    {
+        const std::shared_lock<std::shared_mutex> reading(descriptionsLock);
+        if (const auto* kept =
+                static_cast<const Description*>(X509_get_ex_data(certificate, slot))) {
+            return *kept;
         }
     }
-    for (std::size_t depth = 0; depth < certificates.size(); ++depth) {
-        const X509* certificate = certificates[depth];
-        if (certificate == nullptr) continue;
-        const X509_NAME* issuer = X509_get_issuer_name(certificate);
-        const std::size_t next = depth + 1 < certificates.size() ? depth + 1 : depth;
-        const X509* candidate = certificates[next];
-        checks[depth].issuer =
-            candidate != nullptr && X509_NAME_cmp(X509_get_subject_name(candidate), issuer) == 0
-                ? checks[next].subject
-                : nameToString(issuer);
+    auto fresh = std::make_unique<Description>(describe(certificate));
+    const std::unique_lock<std::shared_mutex> writing(descriptionsLock);
+    if (const auto* kept = static_cast<const Description*>(X509_get_ex_data(certificate, slot))) {
+        return *kept;
     }
-    return checks;
+    // The description is not part of the certificate; only this file reads the slot.
+    if (X509_set_ex_data(const_cast<X509*>(certificate), slot, fresh.get()) == 1) {
+        return *fresh.release();
+    }
+    return *fresh;
 }
 
 }  // namespace
@@ -135,7 +162,15 @@ void ValidationRecorder::report(X509_STORE_CTX* context, X509* leaf, unsigned lo
             certificates.push_back(nullptr);
         }
     }
-    std::vector<CertificateCheck> checks = describe(certificates);
+    std::vector<CertificateCheck> checks(certificates.size());
+    for (std::size_t depth = 0; depth < certificates.size(); ++depth) {
+        checks[depth].depth = static_cast<int>(depth);
+        if (certificates[depth] == nullptr) continue;
+        Description description = described(certificates[depth]);
+        checks[depth].subject = std::move(description.subject);
+        checks[depth].issuer = std::move(description.issuer);
+        checks[depth].sha256Fingerprint = std::move(description.fingerprint);
+    }
 
     for (const SeenError& error : errors) {
         checks[static_cast<std::size_t>(error.depth)].errors.push_back(
