@@ -1,6 +1,7 @@
 // The report every validation carries: the path certificate by certificate, what OpenSSL said
 // about each and what was forgiven, how revocation was checked, and what was fetched.
 #include "CrlMessages.hpp"
+#include "support/Stress.hpp"
 #include "support/TestCRLs.hpp"
 #include "support/TestCertificates.hpp"
 #include "support/TestHttpServers.hpp"
@@ -331,6 +332,34 @@ TEST(ValidationReport, PlainValuesAndAShortPrintedReport) {
               std::string::npos)
         << report;
     EXPECT_NE(report.find("    revocation: not checked\n"), std::string::npos) << report;
+}
+
+// Threads describing the same parsed certificates at once, fresh ones among them, all agree.
+TEST(ValidationReportConcurrency, SharedCertificatesAreDescribedAlike) {
+    const ReportPKI& p = pki();
+    const fc::X509Certificate shared(p.leaf.get());
+    const fc::X509CertificateChain chain = ReportPKI::chainOf({p.base.intermediate.get()});
+    const fc::TrustStore trusted = p.trusting(p.base.root.get());
+    const std::vector<fc::CertificateCheck> expected =
+        shared.validateCertificate(chain, options(), trusted).getCertificateChecks();
+    const auto sameAsExpected = [&](const fc::X509Certificate& leaf) {
+        const auto checks =
+            leaf.validateCertificate(chain, options(), trusted).getCertificateChecks();
+        return checks.size() == expected.size() &&
+               std::equal(checks.begin(), checks.end(), expected.begin(),
+                          [](const fc::CertificateCheck& a, const fc::CertificateCheck& b) {
+                              return a.subject == b.subject && a.issuer == b.issuer &&
+                                     a.sha256Fingerprint == b.sha256Fingerprint;
+                          });
+    };
+    std::vector<testsupport::StressJob> jobs;
+    for (int i = 0; i < 3; ++i) {
+        jobs.push_back({"shared " + std::to_string(i), [&] { return sameAsExpected(shared); }});
+    }
+    jobs.push_back(
+        {"fresh",
+         [&] { return sameAsExpected(fc::X509Certificate(testsupport::toPEM(p.leaf.get()))); }});
+    testsupport::expectHealthy(testsupport::runStress(jobs, std::chrono::milliseconds(1000)));
 }
 
 }  // namespace
