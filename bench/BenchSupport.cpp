@@ -7,6 +7,7 @@
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -34,12 +35,6 @@ void checkOne(int result, const char* what) {
     if (result != 1) fail(what);
 }
 
-Owned<EVP_PKEY> makeKey(bool rsa) {
-    EVP_PKEY* key = rsa ? EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", static_cast<std::size_t>(2048))
-                        : EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256");
-    return Owned<EVP_PKEY>(check(key, "key generation"));
-}
-
 void addExtension(X509* certificate, X509* issuer, int nid, const char* value) {
     X509V3_CTX context{};
     X509V3_set_ctx_nodb(&context);
@@ -49,8 +44,6 @@ void addExtension(X509* certificate, X509* issuer, int nid, const char* value) {
     X509_EXTENSION_free(extension);
     checkOne(added, "adding an extension");
 }
-
-enum class Role { Root, Intermediate, Leaf };
 
 // Valid since an hour ago for a year: made at start-up, nothing expires.
 Owned<X509> makeCertificate(Role role, const std::string& commonName, long serial, EVP_PKEY* key,
@@ -145,29 +138,50 @@ Owned<X509_CRL> makeList(X509* issuer, EVP_PKEY* issuerKey) {
         check(d2i_X509_CRL(nullptr, &cursor, static_cast<long>(der.size())), "d2i_X509_CRL"));
 }
 
-PKI makePKI(bool rsa) {
+}  // namespace
+
+Owned<EVP_PKEY> makeKey(const std::string& kind) {
+    EVP_PKEY* key = nullptr;
+    if (kind.rfind("RSA-", 0) == 0) {
+        key = EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA",
+                                static_cast<std::size_t>(std::stoul(kind.substr(4))));
+    } else {
+        key = EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", kind.c_str());
+    }
+    return Owned<EVP_PKEY>(check(key, "key generation"));
+}
+
+PKI makePKI(const std::string& name, const std::string& rootKey, const std::string& intermediateKey,
+            const std::string& leafKey) {
     PKI pki;
-    pki.name = rsa ? "RSA-2048" : "P-256";
-    const std::string lists = std::string("http://crl.bench.test/") + (rsa ? "rsa" : "p256");
+    pki.name = name;
+    std::string lists = "http://crl.bench.test/";
+    for (const char c : name) lists += std::isalnum(static_cast<unsigned char>(c)) ? c : '-';
     pki.leafListUrl = lists + "/intermediate.crl";
     pki.intermediateListUrl = lists + "/root.crl";
-    pki.rootKey = makeKey(rsa);
-    pki.intermediateKey = makeKey(rsa);
-    pki.leafKey = makeKey(rsa);
+    pki.rootKey = makeKey(rootKey);
+    pki.intermediateKey = makeKey(intermediateKey);
+    pki.leafKey = makeKey(leafKey);
     pki.root = makeCertificate(Role::Root, "Bench Root " + pki.name, 1, pki.rootKey.get(), nullptr,
                                nullptr);
     pki.intermediate = makeCertificate(Role::Intermediate, "Bench Intermediate " + pki.name, 2,
                                        pki.intermediateKey.get(), pki.root.get(), pki.rootKey.get(),
                                        pki.intermediateListUrl);
-    pki.leaf = makeCertificate(Role::Leaf, "Bench Leaf " + pki.name, 3, pki.leafKey.get(),
-                               pki.intermediate.get(), pki.intermediateKey.get(), pki.leafListUrl);
+    pki.leaf = makeLeaf(pki, 3);
     pki.root = reparsed(pki.root);
     pki.intermediate = reparsed(pki.intermediate);
-    pki.leaf = reparsed(pki.leaf);
     pki.leafList = makeList(pki.intermediate.get(), pki.intermediateKey.get());
     pki.intermediateList = makeList(pki.root.get(), pki.rootKey.get());
     return pki;
 }
+
+Owned<X509> makeLeaf(const PKI& pki, long serial) {
+    return reparsed(makeCertificate(Role::Leaf, "Bench Leaf " + pki.name, serial, pki.leafKey.get(),
+                                    pki.intermediate.get(), pki.intermediateKey.get(),
+                                    pki.leafListUrl));
+}
+
+namespace {
 
 std::unique_ptr<Inputs> theInputs;
 
@@ -276,8 +290,8 @@ const Inputs& inputs() { return *theInputs; }
 
 void createInputs(const std::string& workDirectory) {
     auto made = std::make_unique<Inputs>();
-    made->rsa = makePKI(true);
-    made->ec = makePKI(false);
+    made->rsa = makePKI("RSA-2048", "RSA-2048", "RSA-2048", "RSA-2048");
+    made->ec = makePKI("P-256", "P-256", "P-256", "P-256");
     made->bundle = readBundle(defaultBundlePath());
 
     made->combinedBundlePath = workDirectory + "/roots.pem";

@@ -86,6 +86,18 @@ struct Bundle {
     std::vector<ByteArray> acceptedDER;
 };
 
+enum class Role { Root, Intermediate, Leaf };
+
+// "RSA-2048", "RSA-4096", "P-256", "P-384".
+Owned<EVP_PKEY> makeKey(const std::string& kind);
+
+// A root, an intermediate and a leaf with keys of the given kinds, valid for a year.
+PKI makePKI(const std::string& name, const std::string& rootKey, const std::string& intermediateKey,
+            const std::string& leafKey);
+
+// Another leaf of the PKI: same key and names, its own serial number and signature.
+Owned<X509> makeLeaf(const PKI& pki, long serial);
+
 Bundle readBundle(const std::string& path);
 std::string defaultBundlePath();
 
@@ -151,6 +163,7 @@ bool require(benchmark::State& state, bool condition, const std::string& message
 void registerCertificateBenchmarks();
 void registerStoreBenchmarks();
 void registerContainerBenchmarks();
+void registerSignatureCacheBenchmarks();
 void registerRevocationBenchmarks();
 
 }  // namespace bench

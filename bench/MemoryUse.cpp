@@ -1,5 +1,5 @@
 // Memory of a TrustStore holding the trust bundle against a raw X509_STORE holding the same
-// certificates.
+// certificates, and of the signature cache per entry.
 //
 // Each side runs in a fresh process of its own (this program started again with --child), so
 // neither inherits the other's heap. A child reads the bundle, warms OpenSSL and the library up
@@ -8,10 +8,13 @@
 // filling. The parent prints one JSON object.
 //
 //   foundation_bench_memory [bundle.pem]     (default: SSL_CERT_FILE, else OpenSSL's default)
+#include "BenchSupport.hpp"
 #include "BundleFiles.hpp"
 
+#include <foundation/certificates/CertificateValidation.hpp>
 #include <foundation/certificates/TrustStore.hpp>
 #include <foundation/certificates/X509Certificate.hpp>
+#include <foundation/certificates/X509CertificateChain.hpp>
 
 #include <openssl/core_names.h>
 #include <openssl/err.h>
@@ -124,6 +127,43 @@ int child(const std::string& mode, const std::string& path) {
     return 0;
 }
 
+// The signature cache filled to its default capacity by validating that many leaves of one
+// chain: heap in use per entry, with every leaf loaded and validated once (cache off) before
+// the measurement, so that only the entries are counted. Prints "<entries> <bytes>".
+int cacheChild() {
+    constexpr std::size_t kCapacity = 16384;
+    const bench::PKI pki = bench::makePKI("P-256", "P-256", "P-256", "P-256");
+    fc::TrustStore trust;
+    trust.addCertificate(fc::X509Certificate(bench::toPEM(pki.root.get())));
+    fc::X509CertificateChain chain;
+    chain.addCertificate(fc::X509Certificate(bench::toPEM(pki.intermediate.get())));
+    std::vector<fc::X509Certificate> leaves;
+    for (long serial = 1000; leaves.size() < kCapacity; ++serial) {
+        leaves.emplace_back(bench::toPEM(bench::makeLeaf(pki, serial).get()));
+    }
+    using Options = fc::CertificateValidationOptions;
+    const Options options(
+        Options::AllowSelfSignedCertificate::No, Options::AllowExpiredCertificate::No,
+        Options::AllowRevokedCertificate::No, Options::CheckCRL::None, Options::DownloadCRL::No);
+    const auto validateAll = [&] {
+        for (const fc::X509Certificate& leaf : leaves) {
+            if (leaf.validateCertificate(chain, options, trust).getCertificateChainStatus() !=
+                fc::CertificateChainStatus::Valid) {
+                return false;
+            }
+        }
+        return true;
+    };
+    fc::setSignatureCacheCapacity(0);
+    if (!validateAll()) return 2;
+    fc::setSignatureCacheCapacity(kCapacity);
+    const std::size_t heapBefore = heapInUse();
+    if (!validateAll()) return 2;
+    const std::size_t heapAfter = heapInUse();
+    std::printf("%zu %zu\n", fc::getSignatureCacheStatistics().entries, heapAfter - heapBefore);
+    return 0;
+}
+
 struct Sample {
     std::size_t count = 0;
     std::size_t heap = 0;
@@ -152,6 +192,7 @@ T median(std::vector<T> values) {
 
 int main(int argc, char** argv) {
     if (argc == 4 && std::string(argv[1]) == "--child") return child(argv[2], argv[3]);
+    if (argc == 2 && std::string(argv[1]) == "--cache-child") return cacheChild();
 
     std::string bundle;
     if (argc > 1) {
@@ -205,6 +246,16 @@ int main(int argc, char** argv) {
     std::filesystem::remove_all(directory, ignored);
     if (!ok) return 1;
 
+    // One run: heap in use does not vary between runs, and a run takes seconds.
+    std::size_t entries = 0, bytes = 0;
+    FILE* pipe = popen(("'" + self + "' --cache-child").c_str(), "r");
+    ok = pipe != nullptr && std::fscanf(pipe, "%zu %zu", &entries, &bytes) == 2 && entries > 0;
+    if (pipe != nullptr) ok = pclose(pipe) == 0 && ok;
+    if (!ok) {
+        std::fprintf(stderr, "the signature cache child failed\n");
+        return 1;
+    }
+
     const Sample& base = medians["baseline"];
     const Sample& raw = medians["raw"];
     const Sample& library = medians["library"];
@@ -215,8 +266,11 @@ int main(int argc, char** argv) {
         " \"rss_raw_kib\": %ld, \"rss_library_kib\": %ld,\n"
         " \"peak_rss_baseline_kib\": %ld, \"peak_rss_raw_kib\": %ld, "
         "\"peak_rss_library_kib\": %ld,\n"
-        " \"target\": 1.2}\n",
+        " \"target\": 1.2,\n"
+        " \"signature_cache_entries\": %zu, \"signature_cache_bytes_per_entry\": %.1f,\n"
+        " \"signature_cache_target_bytes\": 200}\n",
         bundle.c_str(), total, pemBlocks(accepted).size(), raw.count, library.count, raw.heap,
-        library.heap, raw.rss, library.rss, base.peak, raw.peak, library.peak);
+        library.heap, raw.rss, library.rss, base.peak, raw.peak, library.peak, entries,
+        static_cast<double>(bytes) / static_cast<double>(entries));
     return 0;
 }

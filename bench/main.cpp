@@ -32,6 +32,7 @@ int main(int argc, char** argv) {
         bench::registerCertificateBenchmarks();
         bench::registerStoreBenchmarks();
         bench::registerContainerBenchmarks();
+        bench::registerSignatureCacheBenchmarks();
         bench::registerRevocationBenchmarks();
 
         benchmark::Initialize(&argc, argv);

@@ -117,6 +117,12 @@ def memory_rows(path):
     row(f"TrustStore memory, peak RSS over baseline ({count} certs)",
         max(memory["peak_rss_raw_kib"] - base, 0) * 1024,
         max(memory["peak_rss_library_kib"] - base, 0) * 1024, format_bytes)
+    if "signature_cache_bytes_per_entry" in memory:
+        per_entry = memory["signature_cache_bytes_per_entry"]
+        limit = memory["signature_cache_target_bytes"]
+        rows.append([f"Signature cache, heap per entry ({memory['signature_cache_entries']} "
+                     f"entries)", "-", f"{per_entry:.0f} B", "-", f"<= {limit} B",
+                     "yes" if per_entry <= limit else "no", "", ""])
     return rows, notes
 
 

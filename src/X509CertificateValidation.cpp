@@ -1,6 +1,7 @@
 // Validation of one certificate with OpenSSL's verifier: the working store, the revocation
 // lists, the flags, the forgiving callback, and the mapping of OpenSSL's verdict.
 #include "Asn1Conversions.hpp"
+#include "ChainSignatureVerification.hpp"
 #include "FacadeAccess.hpp"
 #include "OpenSSLPtr.hpp"
 #include "PlatformTrust.hpp"
@@ -334,6 +335,7 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain, const O
     }
     applyRequirements(X509_STORE_CTX_get0_param(context.get()), options);
     X509_STORE_CTX_set_verify_cb(context.get(), explainingCallback);
+    detail::useSignatureCache(context.get());
     X509_STORE_CTX_set_ex_data(context.get(), 0, const_cast<Options*>(&options));
 
     const unsigned long crlFlags = flags & (X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL);

@@ -213,7 +213,7 @@ int runVerify(const std::vector<std::string>& words, std::ostream& out) {
     const Arguments args(
         words,
         {"chain", "trust", "crl", "download", "connect-timeout", "exchange-timeout",
-         "max-crl-bytes", "host", "ip", "email", "at", "purpose"},
+         "max-crl-bytes", "host", "ip", "email", "at", "purpose", "repeat", "signature-cache"},
         {"allow-self-signed", "allow-expired", "allow-revoked", "every-cdp", "extended-keys",
          "explain"});
     args.expectPositionalCount(1, 1);
@@ -245,10 +245,28 @@ int runVerify(const std::vector<std::string>& words, std::ostream& out) {
     if (auto settings = fetchSettingsFrom(args)) options.withRevocationFetch(std::move(*settings));
     addRequirements(args, options);
 
+    if (const auto entries = args.number<std::size_t>("signature-cache")) {
+        fc::setSignatureCacheCapacity(*entries);
+    }
+    const unsigned int repeat = args.number<unsigned int>("repeat").value_or(1);
+    if (repeat == 0) throw UsageError("--repeat needs at least 1");
+
     out << "Certificate: " << certificate.getSubjectName() << '\n';
+    const auto start = std::chrono::steady_clock::now();
     const fc::CertificateValidationResults results =
         certificate.validateCertificate(chain, options, trustStore);
+    for (unsigned int i = 1; i < repeat; ++i) {
+        certificate.validateCertificate(chain, options, trustStore);
+    }
+    const std::chrono::duration<double, std::micro> elapsed =
+        std::chrono::steady_clock::now() - start;
     const bool valid = describeValidation(results, out);
+    if (repeat > 1 || args.value("signature-cache")) {
+        const fc::SignatureCacheStatistics cache = fc::getSignatureCacheStatistics();
+        out << "Validated " << repeat << " time(s), " << elapsed.count() / repeat
+            << " us each\nSignature cache: " << cache.hits << " hits, " << cache.misses
+            << " misses, " << cache.entries << " of " << cache.capacity << " entries\n";
+    }
     if (args.flag("explain")) out << "\nHow it was decided:\n" << results;
     return valid ? kExitOk : kExitNegative;
 }

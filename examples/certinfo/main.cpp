@@ -27,15 +27,18 @@ const std::vector<certinfo::Command>& commands() {
          "           [--exchange-timeout MS] [--max-crl-bytes N] [--every-cdp]\n"
          "           [--host NAME] [--ip ADDRESS] [--email ADDRESS] [--at ISO-8601-TIME]\n"
          "           [--purpose any|tls-server|tls-client|code-signing|email-protection|\n"
-         "           time-stamping] [--extended-keys] [--explain]",
+         "           time-stamping] [--extended-keys] [--repeat N] [--signature-cache ENTRIES]\n"
+         "           [--explain]",
          "validate a certificate against a chain and trusted certificates (default: the\n"
          "      system's), optionally checking revocation lists fetched over HTTP or given as\n"
          "      files (then offline, leaf only, unless --crl chain / --download say otherwise),\n"
          "      the leaf's names, the chain's purpose and the time to judge it at; the\n"
          "      timeouts, size limit and --every-cdp switch to bounded downloads;\n"
-         "      --extended-keys accepts P-384, P-521 and Ed448 keys too; --explain adds the\n"
-         "      path certificate by certificate with every error (forgiven or not), how each\n"
-         "      revocation was checked and every list fetch; exit 0 when valid, 1 when not",
+         "      --extended-keys accepts P-384, P-521 and Ed448 keys too; --repeat validates N\n"
+         "      times and prints the time each took and the signature cache's counts, whose\n"
+         "      room --signature-cache sets (0: off); --explain adds the path certificate by\n"
+         "      certificate with every error (forgiven or not), how each revocation was\n"
+         "      checked and every list fetch; exit 0 when valid, 1 when not",
          certinfo::runVerify},
         {"crl", "crl FILE [--issuer CERT]",
          "print a revocation list (PEM or DER) and its entries; with --issuer, whether that\n"

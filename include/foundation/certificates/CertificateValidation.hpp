@@ -233,4 +233,25 @@ class FOUNDATION_CERTIFICATES_EXPORT PKCS7CertificateValidationResults {
     std::vector<RevocationFetch> fetches;
 };
 
+// The process-wide signature cache.
+//
+// Every validation remembers the certificate signatures that verified, keyed by a SHA-256
+// digest of the signed certificate and the issuer's public key, and skips verifying them again;
+// the trust anchor's self-signature is one of them. A failed signature is never remembered. The
+// cache cannot change a result: validation checks, reports and forgives exactly what it does
+// with the cache off, only faster. On by default with room for 16,384 signatures (about 80
+// bytes each). Shared by all threads: concurrent lookups hold a lock only as readers, on one
+// of 16 shards.
+
+struct SignatureCacheStatistics {
+    std::uint64_t hits = 0, misses = 0;  // lookups since the process started, while on
+    std::size_t entries = 0, capacity = 0;
+};
+
+// Room for this many signatures, evicting what no longer fits at once. 0 turns the cache off
+// and empties it. Safe to call while validations run.
+FOUNDATION_CERTIFICATES_EXPORT void setSignatureCacheCapacity(std::size_t entries);
+
+FOUNDATION_CERTIFICATES_EXPORT SignatureCacheStatistics getSignatureCacheStatistics();
+
 }  // namespace foundation::certificates
