@@ -12,6 +12,7 @@
 #include <openssl/x509.h>
 #include <openssl/x509_vfy.h>
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -28,6 +29,13 @@
 namespace bench {
 
 using foundation::certificates::ByteArray;
+
+// The library's fixed verification flags: strict, proxy certificates, the anchor's
+// self-signature, trusted first.
+constexpr unsigned long kVerifyFlags = 0xC060;
+
+// The signature cache's room when nobody set it.
+constexpr std::size_t kSignatureCacheDefaultCapacity = 16384;
 
 // One pointer wide owners, so the raw side pays nothing a C programmer would not.
 template <typename T>

@@ -19,9 +19,6 @@ namespace {
 
 namespace fc = foundation::certificates;
 
-constexpr unsigned long kVerifyFlags =
-    0xC060;  // strict, proxy certs, self-signed sig, trusted first
-constexpr std::size_t kDefaultCapacity = 16384;
 constexpr int kLeafPool = 256;
 
 const fc::CertificateValidationOptions& strictOptions() {
@@ -143,7 +140,7 @@ void registerChain(const std::string& key, const Chain& (*chain)()) {
                 const Chain& c = chain();
                 const ExtendedKeys extended;
                 fc::setSignatureCacheCapacity(0);
-                fc::setSignatureCacheCapacity(kDefaultCapacity);
+                fc::setSignatureCacheCapacity(kSignatureCacheDefaultCapacity);
                 if (!require(state, libraryValid(*c.leaf, c), "library validation fails")) return;
                 std::size_t next = 0;
                 loop(state, [&] {
@@ -153,7 +150,7 @@ void registerChain(const std::string& key, const Chain& (*chain)()) {
                         if (next % kLeafPool == 0) {
                             // Forget the pool's leaves, keep the chain.
                             fc::setSignatureCacheCapacity(0);
-                            fc::setSignatureCacheCapacity(kDefaultCapacity);
+                            fc::setSignatureCacheCapacity(kSignatureCacheDefaultCapacity);
                             libraryValid(c.libraryLeaves.back(), c);
                         }
                         leaf = &c.libraryLeaves[next++ % kLeafPool];
@@ -161,7 +158,7 @@ void registerChain(const std::string& key, const Chain& (*chain)()) {
                     } else if (start == Start::Empty) {
                         state.PauseTiming();
                         fc::setSignatureCacheCapacity(0);
-                        fc::setSignatureCacheCapacity(kDefaultCapacity);
+                        fc::setSignatureCacheCapacity(kSignatureCacheDefaultCapacity);
                         state.ResumeTiming();
                     }
                     benchmark::DoNotOptimize(
