@@ -3,6 +3,7 @@
 #include "Asn1Conversions.hpp"
 #include "CrlMessages.hpp"
 #include "FacadeAccess.hpp"
+#include "ValidationRecorder.hpp"
 #include "X509CertificateImpl.hpp"
 
 #include <foundation/certificates/Exceptions.hpp>
@@ -58,6 +59,7 @@ class TemporaryFile {
 }  // namespace
 
 void handleDownloadError(DownloadMode mode, const std::string& message) {
+    FetchRecord::noteFailure(message);
     if (mode == DownloadMode::ThrowOnError) throw X509CertificateException(message);
 }
 
@@ -106,6 +108,7 @@ std::string readHttpResponse(std::istream& response, DownloadMode mode) {
         handleDownloadError(mode, crlmessage::kInvalidResponse);
         return {};
     }
+    FetchRecord::noteHttpStatus(static_cast<int>(status));
     if (status != 200) {
         handleDownloadError(mode, crlmessage::kStatusCode + std::to_string(status) + "\n");
         return {};
@@ -141,6 +144,7 @@ bool downloadCRL(const X509Certificate& certificate, StoreUPtr& store,
 
     const std::vector<std::string> uris = getCertificateURI(certificate);
     if (uris.empty()) {
+        FetchRecord::unfetchable(crlmessage::kNoDistributionPoints);
         handleDownloadError(mode, crlmessage::kNoDistributionPoints);
         return false;
     }
@@ -150,15 +154,18 @@ bool downloadCRL(const X509Certificate& certificate, StoreUPtr& store,
         return std::regex_match(uri, match, pattern);
     });
     if (candidate == uris.end()) {
+        FetchRecord::unfetchable(crlmessage::kNoUsableDistributionPoint);
         handleDownloadError(mode, crlmessage::kNoUsableDistributionPoint);
         return false;
     }
     const std::string host = match[1].str();
     const std::string path = "/" + match[2].str();
 
+    FetchRecord record(*candidate);
     const TemporaryFile file;
     try {
         const std::string body = getCrlHttpData(host, path, mode);
+        record.bytes(body.size());
         if (body.empty()) {
             handleDownloadError(mode, crlmessage::kEmptyBody);
             return false;
@@ -198,6 +205,14 @@ bool downloadCRL(const X509Certificate& certificate, StoreUPtr& store,
     }
     const bool added = X509_STORE_add_crl(store.get(), crl.get()) == 1;
     crls.push_back(std::move(crl));
+    if (added) {
+        record.succeeded();
+        if (ValidationRecorder* recorder = ValidationRecorder::current()) {
+            const X509SPtr parsed = FacadeAccess::read(
+                certificate, [](const X509CertificateImpl& i) { return i.shared(); });
+            recorder->listFor(parsed.get(), RevocationCheck::Source::Downloaded, *candidate);
+        }
+    }
     return added;
 }
 

@@ -1,5 +1,7 @@
 #include "HttpFetch.hpp"
 
+#include "ValidationRecorder.hpp"
+
 #include "CrlMessages.hpp"
 #include "HttpResponseReader.hpp"
 
@@ -260,6 +262,7 @@ FetchResult fetchHttp(const HttpLocation& start, const FetchLimits& limits) {
         }
 
         const unsigned status = reader.status();
+        FetchRecord::noteHttpStatus(static_cast<int>(status));
         if (status == 301 || status == 302 || status == 307 || status == 308) {
             if (hop == kMaxRedirects) return {{}, crlmessage::kTooManyRedirects};
             std::string failure;

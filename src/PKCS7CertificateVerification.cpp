@@ -6,6 +6,7 @@
 #include "OpenSSLPtr.hpp"
 #include "PlatformTrust.hpp"
 #include "StoreSnapshot.hpp"
+#include "ValidationRecorder.hpp"
 #include "X509CertificateImpl.hpp"
 
 #include <foundation/certificates/Exceptions.hpp>
@@ -102,9 +103,11 @@ PKCS7CertificateValidationResults PKCS7CertificateImpl::verifySignature(
     const CertificateValidationResults validation =
         signers.front().validateCertificate(chain, nothingTolerated, trustStore);
     const CertificateChainStatus status = validation.getCertificateChainStatus();
-    return {
+    PKCS7CertificateValidationResults results(
         true, status,
-        status == CertificateChainStatus::Valid ? reason : validation.getValidationErrorString()};
+        status == CertificateChainStatus::Valid ? reason : validation.getValidationErrorString());
+    detail::ValidationReportAccess::attach(results, validation);
+    return results;
 }
 
 }  // namespace foundation::certificates

@@ -8,6 +8,7 @@
 #include "OpenSSLErrors.hpp"
 #include "OpenSSLPtr.hpp"
 #include "RevocationListAccess.hpp"
+#include "ValidationRecorder.hpp"
 #include "X509CertificateImpl.hpp"
 
 #include <foundation/certificates/Exceptions.hpp>
@@ -73,6 +74,18 @@ std::optional<std::chrono::steady_clock::time_point> waitLimit(
     return std::chrono::steady_clock::now() + settings.connectTimeout + settings.exchangeTimeout;
 }
 
+std::size_t encodedSize(const CertificateRevocationList& list) {
+    const int size = i2d_X509_CRL(RevocationListAccess::shared(list), nullptr);
+    return size > 0 ? static_cast<std::size_t>(size) : 0;
+}
+
+void noteSource(const X509Certificate& certificate, RevocationCheck::Source source,
+                std::string url) {
+    if (ValidationRecorder* recorder = ValidationRecorder::current()) {
+        recorder->listFor(parsedCertificate(certificate).get(), source, std::move(url));
+    }
+}
+
 // One distribution point's list, downloaded under the settings and checked like every downloaded
 // list; the failure's message when it is not usable.
 std::string fetchChecked(const HttpLocation& location, EVP_PKEY* issuerKey,
@@ -112,6 +125,7 @@ std::optional<CertificateRevocationList> fetchUnderSettings(const X509Certificat
                                                             Mode mode, TimePoint now) {
     const std::vector<std::string> uris = getCertificateURI(certificate);
     if (uris.empty()) {
+        FetchRecord::unfetchable(crlmessage::kNoDistributionPoints);
         handleDownloadError(mode, crlmessage::kNoDistributionPoints);
         return std::nullopt;
     }
@@ -123,22 +137,34 @@ std::optional<CertificateRevocationList> fetchUnderSettings(const X509Certificat
         }
     }
     if (points.empty()) {
+        FetchRecord::unfetchable(crlmessage::kNoUsableDistributionPoint);
         handleDownloadError(mode, crlmessage::kNoUsableDistributionPoint);
         return std::nullopt;
     }
     std::string failure;
     for (const auto& [uri, location] : points) {
+        FetchRecord record(uri);
         const CrlCacheAccess::Lookup cached =
             settings.cache
                 ? CrlCacheAccess::lookup(*settings.cache, uri, issuerKey, now, waitLimit(settings))
                 : CrlCacheAccess::Lookup{};
-        if (cached.list) return cached.list;
+        if (cached.list) {
+            record.fromCache();
+            record.bytes(encodedSize(*cached.list));
+            record.succeeded();
+            noteSource(certificate, RevocationCheck::Source::Cache, uri);
+            return cached.list;
+        }
         CertificateRevocationList list;
         failure = fetchChecked(location, issuerKey, settings, now, list);
         if (failure.empty()) {
+            record.bytes(encodedSize(list));
+            record.succeeded();
+            noteSource(certificate, RevocationCheck::Source::Downloaded, uri);
             if (settings.cache) CrlCacheAccess::store(*settings.cache, uri, list, issuerKey);
             return list;
         }
+        record.failed(failure);
     }
     handleDownloadError(mode, failure);
     return std::nullopt;
@@ -181,6 +207,14 @@ bool gatherRevocationLists(Mode mode, Check check, const RevocationSources& sour
                            TimePoint now, std::vector<CertificateRevocationList>& lists) {
     lists = sources.supplied;
     const bool supplied = !lists.empty();
+    if (ValidationRecorder* recorder = ValidationRecorder::current(); recorder && supplied) {
+        for (const X509Certificate& level : workingList) {
+            const X509SPtr certificate = parsedCertificate(level);
+            if (coveredBy(sources.supplied, certificate.get())) {
+                recorder->listFor(certificate.get(), RevocationCheck::Source::SuppliedList, "");
+            }
+        }
+    }
     if (mode == Mode::No) return supplied;
 
     std::vector<X509SPtr> path;

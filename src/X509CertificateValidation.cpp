@@ -10,6 +10,7 @@
 #include "RevocationListAccess.hpp"
 #include "StoreSnapshot.hpp"
 #include "ValidationAccess.hpp"
+#include "ValidationRecorder.hpp"
 #include "WebPkiProfile.hpp"
 #include "X509CertificateImpl.hpp"
 
@@ -113,6 +114,23 @@ int verifyCallback(int ok, X509_STORE_CTX* context) {
         default:
             return ok;
     }
+}
+
+// The same verdicts, with what OpenSSL reported and what the options made of it kept for the
+// results' report.
+int explainingCallback(int ok, X509_STORE_CTX* context) {
+    const int reported = X509_STORE_CTX_get_error(context);
+    const int verdict = verifyCallback(ok, context);
+    detail::ValidationRecorder* recorder = detail::ValidationRecorder::current();
+    if (recorder == nullptr) return verdict;
+    const int depth = X509_STORE_CTX_get_error_depth(context);
+    if (ok == 0 && reported != X509_V_OK) {
+        recorder->sawError(depth, reported, verdict == 1);
+    } else if (ok == 1 && verdict == 0) {
+        // A requirement of ours failed where OpenSSL saw none; it runs with OpenSSL's last checks.
+        recorder->sawError(depth, X509_STORE_CTX_get_error(context), false, true);
+    }
+    return verdict;
 }
 
 std::string verificationErrorText(X509_STORE_CTX* context) {
@@ -294,7 +312,7 @@ void setUpContext(X509_STORE_CTX* context, X509_STORE* store, X509* certificate,
         throw X509CertificateException("Failed to set the flags to X509 parameters");
     }
     applyRequirements(X509_STORE_CTX_get0_param(context), options);
-    X509_STORE_CTX_set_verify_cb(context, verifyCallback);
+    X509_STORE_CTX_set_verify_cb(context, explainingCallback);
     detail::useSignatureCache(context);
     X509_STORE_CTX_set_ex_data(context, 0, const_cast<Options*>(&options));
 }
@@ -374,6 +392,7 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain,
                                       const Options& callerOptions, const TrustStore& trustStore,
                                       AnchorCopy anchorCopy) const {
     throwIfEmpty();
+    detail::ValidationRecorder recorder;
     const bool webPki = ValidationAccess::profile(callerOptions) == ValidationProfile::WebPKI;
     if (webPki && ValidationAccess::hostName(callerOptions).empty() &&
         ValidationAccess::ipAddress(callerOptions).empty()) {
@@ -453,6 +472,7 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain,
     setUpContext(context.get(), store, certificate.get(), untrusted.get(), contextCrls.get(), flags,
                  options);
 
+    const unsigned long crlFlags = flags & (X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL);
     CertificateValidationResults results(CertificateChainStatus::ValidationFailed, "");
     bool accepted = X509_verify_cert(context.get()) > 0;
     if (webPki) {
@@ -503,6 +523,8 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain,
                 }
                 if (!built)
                     throw X509CertificateException("Internal error: Unable to allocate a stack.");
+                // What a candidate saw is reported only if it is the path that passes.
+                detail::ValidationRecorder candidateRecorder;
                 setUpContext(candidate.get(), store, certificate.get(), between.get(),
                              contextCrls.get(), flags, options);
                 X509_STORE_CTX_set0_trusted_stack(candidate.get(), anchor.get());
@@ -510,6 +532,7 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain,
                     detail::checkWebPkiProfile(chainOf(candidate.get()), facts)) {
                     return false;
                 }
+                recorder.takeErrors(candidateRecorder);
                 context = std::move(candidate);
                 passingAnchor = std::move(anchor);
                 return true;
@@ -529,6 +552,7 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain,
         if (ValidationAccess::policies(options)) {
             ValidationAccess::setValidPolicies(results, validPolicies(context.get()));
         }
+        recorder.report(context.get(), certificate.get(), crlFlags, results);
         const X509StackUPtr verified = makeX509StackUPtr(X509_STORE_CTX_get1_chain(context.get()));
         const int length = verified ? sk_X509_num(verified.get()) : 0;
         if (length <= 0) throw X509CertificateException("Invalid certificate chain length.\n");
@@ -542,6 +566,7 @@ X509CertificateImpl::validationHelper(const X509CertificateChain& chain,
         return {X509CertificateImpl::fromParsed(makeX509SPtr(anchor)), results};
     }
     if (!webPki) results = resultsFor(context.get(), options);
+    recorder.report(context.get(), certificate.get(), crlFlags, results);
     if (X509_STORE_CTX_get_error(context.get()) == X509_V_ERR_CERT_REVOKED &&
         ValidationAccess::checkCRL(options) != Options::CheckCRL::None) {
         results.setCertificateRevocationResults(

@@ -12,6 +12,7 @@
 #include <openssl/x509.h>
 
 #include <atomic>
+#include <sstream>
 #include <thread>
 #include <tuple>
 
@@ -116,6 +117,23 @@ TEST_F(PKCS7SignatureTest, ErrorTheCallerLeftQueuedBecomesTheReason) {
     expectOutcome(expired.verifySignature(withIntermediate, trustingRoot, {}), false,
                   Status::ValidationFailed, "cert already in hash table");
     EXPECT_NE(ERR_peek_error(), 0u);
+}
+
+// When the signer's own validation runs, its report comes with the results.
+TEST_F(PKCS7SignatureTest, CarriesTheSignerValidationReport) {
+    const fc::PKCS7CertificateValidationResults expired =
+        sign(testsupport::expiredSigner()).verifySignature(withIntermediate, trustingRoot, {});
+    const std::vector<fc::CertificateCheck> checks = expired.getCertificateChecks();
+    ASSERT_EQ(checks.size(), 3u);
+    EXPECT_EQ(checks[0].subject, "CN=Expired Signer,O=Foundation Test");
+    ASSERT_EQ(checks[0].errors.size(), 1u);
+    EXPECT_EQ(checks[0].errors[0].code, X509_V_ERR_CERT_HAS_EXPIRED);
+    EXPECT_FALSE(checks[0].errors[0].forgiven);
+    std::ostringstream printed;
+    printed << expired;
+    EXPECT_EQ(printed.str().rfind("Signature: verifies\nSigner status: Expired (5)\n[0] CN=", 0),
+              0u)
+        << printed.str();
 }
 
 TEST_F(PKCS7SignatureTest, EmptyTrustStoreUsesThePlatformBundle) {

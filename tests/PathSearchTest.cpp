@@ -115,6 +115,11 @@ TEST_F(CrossSigned, SecondPathPassesWhereTheFirstIsConstrained) {
     const auto profiled = validate(leaf, {constrained, open}, {rootOne, rootTwo}, webPki());
     EXPECT_EQ(profiled.getCertificateChainStatus(), Status::Valid)
         << profiled.getValidationErrorString();
+    // The report describes the path that passed, without the refused path's error.
+    const auto checks = profiled.getCertificateChecks();
+    ASSERT_EQ(checks.size(), 3u);
+    EXPECT_EQ(checks[2].subject, "CN=Root Two");
+    for (const fc::CertificateCheck& check : checks) EXPECT_TRUE(check.errors.empty());
 }
 
 TEST_F(CrossSigned, AnchorInTheMiddleOfTheGivenChain) {

@@ -247,7 +247,7 @@ int runVerify(const std::vector<std::string>& words, std::ostream& out) {
          "max-crl-bytes", "host", "ip", "email", "at", "purpose", "repeat", "signature-cache",
          "policy", "profile"},
         {"allow-self-signed", "allow-expired", "allow-revoked", "every-cdp", "extended-keys",
-         "require-explicit-policy", "inhibit-policy-mapping", "inhibit-any-policy"});
+         "require-explicit-policy", "inhibit-policy-mapping", "inhibit-any-policy", "explain"});
     args.expectPositionalCount(1, 1);
     applyKeyAcceptance(args);  // before anything is loaded: it decides what loads
     const std::string data = readInput(args.positional(0, "certificate file"));
@@ -299,6 +299,7 @@ int runVerify(const std::vector<std::string>& words, std::ostream& out) {
             << " us each\nSignature cache: " << cache.hits << " hits, " << cache.misses
             << " misses, " << cache.entries << " of " << cache.capacity << " entries\n";
     }
+    if (args.flag("explain")) out << "\nHow it was decided:\n" << results;
     return valid ? kExitOk : kExitNegative;
 }
 

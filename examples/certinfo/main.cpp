@@ -29,7 +29,7 @@ const std::vector<certinfo::Command>& commands() {
          "           [--purpose any|tls-server|tls-client|code-signing|email-protection|\n"
          "           time-stamping] [--profile rfc5280|webpki] [--extended-keys] [--repeat N]\n"
          "           [--signature-cache ENTRIES] [--policy OID]... [--require-explicit-policy]\n"
-         "           [--inhibit-policy-mapping] [--inhibit-any-policy]",
+         "           [--inhibit-policy-mapping] [--inhibit-any-policy] [--explain]",
          "validate a certificate against a chain and trusted certificates (default: the\n"
          "      system's), optionally checking revocation lists fetched over HTTP or given as\n"
          "      files (then offline, leaf only, unless --crl chain / --download say otherwise),\n"
@@ -41,7 +41,9 @@ const std::vector<certinfo::Command>& commands() {
          "      times and prints the time each took and the signature cache's counts, whose\n"
          "      room --signature-cache sets (0: off); the --policy options and the three policy\n"
          "      switches check certificate policies and print the chain's valid policies\n"
-         "      (--policy may repeat; none given: any policy); exit 0 when valid, 1 when not",
+         "      (--policy may repeat; none given: any policy); --explain adds the path\n"
+         "      certificate by certificate with every error (forgiven or not), how each\n"
+         "      revocation was checked and every list fetch; exit 0 when valid, 1 when not",
          certinfo::runVerify},
         {"crl", "crl FILE [--issuer CERT]",
          "print a revocation list (PEM or DER) and its entries; with --issuer, whether that\n"

@@ -20,5 +20,6 @@
 #include <foundation/certificates/TrustStore.hpp>
 #include <foundation/certificates/TrustStoreImpl.hpp>
 #include <foundation/certificates/Types.hpp>
+#include <foundation/certificates/ValidationReport.hpp>
 #include <foundation/certificates/X509Certificate.hpp>
 #include <foundation/certificates/X509CertificateChain.hpp>

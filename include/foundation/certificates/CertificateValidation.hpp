@@ -7,6 +7,7 @@
 #include <foundation/certificates/CertificateRevocationList.hpp>
 #include <foundation/certificates/Export.hpp>
 #include <foundation/certificates/Types.hpp>
+#include <foundation/certificates/ValidationReport.hpp>
 
 #include <chrono>
 #include <cstddef>
@@ -22,7 +23,8 @@ class CrlCache;
 
 namespace detail {
 struct ValidationAccess;
-}
+struct ValidationReportAccess;
+}  // namespace detail
 
 // How revocation lists are downloaded when a validation asks for downloads and these settings
 // are given (CertificateValidationOptions::withRevocationFetch). Without them, lists are fetched
@@ -223,11 +225,21 @@ class FOUNDATION_CERTIFICATES_EXPORT CertificateValidationResults {
     // failed.
     std::vector<std::string> getValidPolicies() const { return validPolicies; }
 
+    // The path OpenSSL built, or got furthest with, leaf first; each certificate with the errors
+    // reported for it, forgiven or not, and its revocation check.
+    std::vector<CertificateCheck> getCertificateChecks() const { return checks; }
+    // Every revocation list the validation tried to obtain, in the order it tried.
+    std::vector<RevocationFetch> getRevocationFetches() const { return fetches; }
+
   private:
+    friend struct detail::ValidationReportAccess;
+
     CertificateChainStatus status;
     std::string validationErrorString;
     CertificateRevocationResults revocation;
     std::vector<std::string> validPolicies;
+    std::vector<CertificateCheck> checks;
+    std::vector<RevocationFetch> fetches;
 
     friend struct detail::ValidationAccess;
 };
@@ -247,10 +259,19 @@ class FOUNDATION_CERTIFICATES_EXPORT PKCS7CertificateValidationResults {
     // is only self-signed, expired or untrusted is not a valid signature.
     bool isValidSignature() const;
 
+    // The signer's validation, when one ran: verifySignature validates the signer itself when
+    // the signature holds but OpenSSL's path check fails. Empty otherwise.
+    std::vector<CertificateCheck> getCertificateChecks() const { return checks; }
+    std::vector<RevocationFetch> getRevocationFetches() const { return fetches; }
+
   private:
+    friend struct detail::ValidationReportAccess;
+
     bool signatureVerificationStatus;
     CertificateChainStatus status;
     std::string validationErrorString;
+    std::vector<CertificateCheck> checks;
+    std::vector<RevocationFetch> fetches;
 };
 
 // The process-wide signature cache.
