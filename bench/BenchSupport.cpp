@@ -287,6 +287,14 @@ ByteArray makeSignedPKCS7(const PKI& pki, std::size_t contentSize) {
     return der;
 }
 
+const foundation::certificates::CertificateValidationOptions& strictOptions() {
+    using Options = foundation::certificates::CertificateValidationOptions;
+    static const Options options(
+        Options::AllowSelfSignedCertificate::No, Options::AllowExpiredCertificate::No,
+        Options::AllowRevokedCertificate::No, Options::CheckCRL::None, Options::DownloadCRL::No);
+    return options;
+}
+
 const Inputs& inputs() { return *theInputs; }
 
 void createInputs(const std::string& workDirectory) {

@@ -3,6 +3,7 @@
 // pair of benchmarks, raw OpenSSL and library, over the same inputs.
 #pragma once
 
+#include <foundation/certificates/CertificateValidation.hpp>
 #include <foundation/certificates/Types.hpp>
 
 #include <benchmark/benchmark.h>
@@ -33,6 +34,9 @@ using foundation::certificates::ByteArray;
 // The library's fixed verification flags: strict, proxy certificates, the anchor's
 // self-signature, trusted first.
 constexpr unsigned long kVerifyFlags = 0xC060;
+
+// Nothing forgiven, no revocation: the options of a plain validation.
+const foundation::certificates::CertificateValidationOptions& strictOptions();
 
 // The signature cache's room when nobody set it.
 constexpr std::size_t kSignatureCacheDefaultCapacity = 16384;

@@ -110,7 +110,9 @@ void libraryPolicyPath(benchmark::State& state, bool signatureCache) {
                  "library validation fails: " + first.getValidationErrorString())) {
         return;
     }
+    if (!signatureCache) fc::setSignatureCacheCapacity(0);
     loop(state, [&] { benchmark::DoNotOptimize(leaf.validateCertificate(chain, options, store)); });
+    fc::setSignatureCacheCapacity(kSignatureCacheDefaultCapacity);
 }
 
 }  // namespace

@@ -21,14 +21,6 @@ namespace fc = foundation::certificates;
 
 constexpr int kLeafPool = 256;
 
-const fc::CertificateValidationOptions& strictOptions() {
-    using Options = fc::CertificateValidationOptions;
-    static const Options options(
-        Options::AllowSelfSignedCertificate::No, Options::AllowExpiredCertificate::No,
-        Options::AllowRevokedCertificate::No, Options::CheckCRL::None, Options::DownloadCRL::No);
-    return options;
-}
-
 // A P-384 key needs the extended key acceptance, to load and to validate (the anchor handed
 // back is checked like a loaded certificate); set only while a library side runs.
 class ExtendedKeys {

@@ -24,14 +24,6 @@ namespace {
 
 namespace fc = foundation::certificates;
 
-const fc::CertificateValidationOptions& strictOptions() {
-    using Options = fc::CertificateValidationOptions;
-    static const Options options(
-        Options::AllowSelfSignedCertificate::No, Options::AllowExpiredCertificate::No,
-        Options::AllowRevokedCertificate::No, Options::CheckCRL::None, Options::DownloadCRL::No);
-    return options;
-}
-
 std::vector<fc::X509Certificate> acceptedCertificates() {
     std::vector<fc::X509Certificate> certificates;
     for (const std::string& pem : inputs().bundle.acceptedPEM) certificates.emplace_back(pem);
