@@ -295,6 +295,20 @@ const foundation::certificates::CertificateValidationOptions& strictOptions() {
     return options;
 }
 
+void timeValidations(benchmark::State& state, const foundation::certificates::X509Certificate& leaf,
+                     const foundation::certificates::X509CertificateChain& chain,
+                     const foundation::certificates::CertificateValidationOptions& options,
+                     const foundation::certificates::TrustStore& store) {
+    const auto first = leaf.validateCertificate(chain, options, store);
+    if (!require(state,
+                 first.getCertificateChainStatus() ==
+                     foundation::certificates::CertificateChainStatus::Valid,
+                 "library validation fails: " + first.getValidationErrorString())) {
+        return;
+    }
+    loop(state, [&] { benchmark::DoNotOptimize(leaf.validateCertificate(chain, options, store)); });
+}
+
 const Inputs& inputs() { return *theInputs; }
 
 void createInputs(const std::string& workDirectory) {

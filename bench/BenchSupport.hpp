@@ -4,7 +4,10 @@
 #pragma once
 
 #include <foundation/certificates/CertificateValidation.hpp>
+#include <foundation/certificates/TrustStore.hpp>
 #include <foundation/certificates/Types.hpp>
+#include <foundation/certificates/X509Certificate.hpp>
+#include <foundation/certificates/X509CertificateChain.hpp>
 
 #include <benchmark/benchmark.h>
 #include <openssl/evp.h>
@@ -37,6 +40,12 @@ constexpr unsigned long kVerifyFlags = 0xC060;
 
 // Nothing forgiven, no revocation: the options of a plain validation.
 const foundation::certificates::CertificateValidationOptions& strictOptions();
+
+// Validates once and fails the benchmark unless the chain is valid, then times validations.
+void timeValidations(benchmark::State& state, const foundation::certificates::X509Certificate& leaf,
+                     const foundation::certificates::X509CertificateChain& chain,
+                     const foundation::certificates::CertificateValidationOptions& options,
+                     const foundation::certificates::TrustStore& store);
 
 // The signature cache's room when nobody set it.
 constexpr std::size_t kSignatureCacheDefaultCapacity = 16384;

@@ -66,15 +66,7 @@ void registerWarmCacheValidation() {
                                 Options::AllowRevokedCertificate::No, Options::CheckCRL::FullChain,
                                 Options::DownloadCRL::ThrowOnError);
                 options.withRevocationFetch(settings);
-                const auto first = leaf.validateCertificate(chain, options, store);
-                if (!require(state,
-                             first.getCertificateChainStatus() == fc::CertificateChainStatus::Valid,
-                             "library validation fails: " + first.getValidationErrorString())) {
-                    return;
-                }
-                loop(state, [&] {
-                    benchmark::DoNotOptimize(leaf.validateCertificate(chain, options, store));
-                });
+                timeValidations(state, leaf, chain, options, store);
             });
     }
 }

@@ -307,15 +307,7 @@ void registerValidationWithRequirements() {
                 chain.addCertificate(fc::X509Certificate(toPEM(pki->intermediate.get())));
                 auto options = strictOptions();
                 options.withHostName(kLeafHost).withValidationTime(validationTime());
-                const auto first = leaf.validateCertificate(chain, options, store);
-                if (!require(state,
-                             first.getCertificateChainStatus() == fc::CertificateChainStatus::Valid,
-                             "library validation fails: " + first.getValidationErrorString())) {
-                    return;
-                }
-                loop(state, [&] {
-                    benchmark::DoNotOptimize(leaf.validateCertificate(chain, options, store));
-                });
+                timeValidations(state, leaf, chain, options, store);
             });
     }
 }
@@ -337,15 +329,7 @@ void registerProfileValidation() {
                     .withValidationTime(validationTime())
                     .withPurpose(fc::CertificatePurpose::TLSServer)
                     .withProfile(profile);
-                const auto first = leaf.validateCertificate(chain, options, store);
-                if (!require(state,
-                             first.getCertificateChainStatus() == fc::CertificateChainStatus::Valid,
-                             "library validation fails: " + first.getValidationErrorString())) {
-                    return;
-                }
-                loop(state, [&] {
-                    benchmark::DoNotOptimize(leaf.validateCertificate(chain, options, store));
-                });
+                timeValidations(state, leaf, chain, options, store);
             };
         };
         // "raw" here is the library without the profile.
